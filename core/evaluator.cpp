@@ -1,0 +1,396 @@
+// Evaluates compiled expression trees and performs calls.
+//
+// Each arithmetic and comparison node tries the int and float cases inline and hands
+// anything else to performOperation, which also produces the error messages. Before any step
+// that can fail, the node's token is noted in errorToken so the report can point at it.
+#include "core/interpreter_internal.h"
+
+#include <cmath>
+
+namespace korvel {
+
+namespace {
+
+inline std::int32_t wrapAdd(std::int32_t a, std::int32_t b) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
+}
+inline std::int32_t wrapSub(std::int32_t a, std::int32_t b) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+}
+inline std::int32_t wrapMul(std::int32_t a, std::int32_t b) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(b));
+}
+
+inline bool bothInt(const Variable& a, const Variable& b) {
+    return a.type() == VarType::Int && b.type() == VarType::Int;
+}
+inline bool bothFloat(const Variable& a, const Variable& b) {
+    return a.type() == VarType::Float && b.type() == VarType::Float;
+}
+
+// Restores the argument-pool depth when a call unwinds.
+struct ArgumentScope {
+    Interpreter& vm;
+    std::vector<Variable>& arguments;
+    explicit ArgumentScope(Interpreter& interpreter)
+        : vm(interpreter), arguments(take(interpreter)) {}
+    static std::vector<Variable>& take(Interpreter& vm) {
+        if (vm.argumentDepth >= vm.argumentPool.size()) vm.argumentPool.emplace_back();
+        return vm.argumentPool[vm.argumentDepth++];
+    }
+    ~ArgumentScope() {
+        arguments.clear();
+        --vm.argumentDepth;
+    }
+};
+
+// Reserves a callee's slots on the value stack; releases them if the call never starts.
+struct SlotReservation {
+    Interpreter& vm;
+    std::size_t mark = 0;
+    Variable* slots = nullptr;
+    bool handedOver = false;
+    SlotReservation(Interpreter& interpreter, const FunctionProto& proto) : vm(interpreter) {
+        std::size_t count = proto.slotNames.size();
+        slots = vm.valueStack.push(count, mark);
+        for (std::size_t i = static_cast<std::size_t>(proto.paramCount); i < count; ++i) slots[i] = Variable::unset();
+    }
+    ~SlotReservation() {
+        if (!handedOver) vm.valueStack.pop(mark);
+    }
+};
+
+}  // namespace
+
+Variable Interpreter::eval(const Node* n) {
+    switch (n->op) {
+    case Op::Const: return n->constant;
+    case Op::Local: {
+        const Variable& slot = current->slots[n->name->localSlot];
+        if (!slot.isUnset()) return slot;
+        return readName(*n->name);
+    }
+    case Op::Global: {
+        if (current->extras) return readName(*n->name);
+        const Variable& global = globals[static_cast<std::size_t>(n->name->globalSlot)];
+        if (global.isUnset()) return Variable();
+        return global;
+    }
+    case Op::ScopedName: return readName(*n->name);
+    case Op::Or: {
+        Variable left = eval(n->left);
+        if (isTruthy(left)) return left;
+        return eval(n->right);
+    }
+    case Op::And: {
+        Variable left = eval(n->left);
+        if (!isTruthy(left)) return left;
+        return eval(n->right);
+    }
+    case Op::Eq: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right)) return Variable(left.asInt() == right.asInt());
+        return Variable(variablesEqual(left, right));
+    }
+    case Op::Ne: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right)) return Variable(left.asInt() != right.asInt());
+        return Variable(!variablesEqual(left, right));
+    }
+#define KORVEL_COMPARE(OPCODE, CMP)                                                  \
+    case Op::OPCODE: {                                                               \
+        Variable left = eval(n->left);                                               \
+        Variable right = eval(n->right);                                             \
+        if (bothInt(left, right)) return Variable(left.asInt() CMP right.asInt());   \
+        if (bothFloat(left, right)) return Variable(left.asFloat() CMP right.asFloat()); \
+        errorToken = n->token;                                                       \
+        return Variable(compareVariables(left, right) CMP 0);                        \
+    }
+        KORVEL_COMPARE(Lt, <)
+        KORVEL_COMPARE(Gt, >)
+        KORVEL_COMPARE(Le, <=)
+        KORVEL_COMPARE(Ge, >=)
+#undef KORVEL_COMPARE
+    case Op::Add: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right)) return Variable(wrapAdd(left.asInt(), right.asInt()));
+        if (bothFloat(left, right)) return Variable(left.asFloat() + right.asFloat());
+        errorToken = n->token;
+        return performOperation(left, '+', right);
+    }
+    case Op::Sub: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right)) return Variable(wrapSub(left.asInt(), right.asInt()));
+        if (bothFloat(left, right)) return Variable(left.asFloat() - right.asFloat());
+        errorToken = n->token;
+        return performOperation(left, '-', right);
+    }
+    case Op::Mul: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right)) return Variable(wrapMul(left.asInt(), right.asInt()));
+        if (bothFloat(left, right)) return Variable(left.asFloat() * right.asFloat());
+        errorToken = n->token;
+        return performOperation(left, '*', right);
+    }
+    case Op::Div: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothFloat(left, right) && right.asFloat() != 0.0f) return Variable(left.asFloat() / right.asFloat());
+        errorToken = n->token;
+        return performOperation(left, '/', right);
+    }
+    case Op::IDiv: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right) && right.asInt() > 0 && left.asInt() >= 0) return Variable(left.asInt() / right.asInt());
+        errorToken = n->token;
+        return performOperation(left, '\\', right);
+    }
+    case Op::Mod: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        if (bothInt(left, right) && right.asInt() > 0) return Variable(left.asInt() % right.asInt());
+        errorToken = n->token;
+        return performOperation(left, '%', right);
+    }
+    case Op::Pow: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        errorToken = n->token;
+        return performOperation(left, '^', right);
+    }
+    case Op::Tetration: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        errorToken = n->token;
+        return performTetrationOperation(left, right);
+    }
+    case Op::Pentation: {
+        Variable left = eval(n->left);
+        Variable right = eval(n->right);
+        errorToken = n->token;
+        return performPentationOperation(left, right);
+    }
+    case Op::Neg: {
+        Variable operand = eval(n->left);
+        switch (operand.type()) {
+        case VarType::Int: return Variable(wrapSub(0, operand.asInt()));
+        case VarType::Float: return Variable(-operand.asFloat());
+        case VarType::Bool: return Variable(operand.asBool() ? -1 : 0);
+        default: errorToken = n->token; throw ScriptError("Unary '-' requires a numeric value");
+        }
+    }
+    case Op::Not: return Variable(!isTruthy(eval(n->left)));
+    case Op::Len: {
+        Variable operand = eval(n->left);
+        errorToken = n->token;
+        std::int64_t length = arrayLength(operand);
+        return Variable(static_cast<std::int32_t>(length > INT32_MAX ? INT32_MAX : length));
+    }
+    case Op::Plus: return eval(n->left);
+    case Op::ArrayLiteral: {
+        Variable array = Variable::makeArray();
+        auto& items = array.arrayItems();
+        items.reserve(n->items.size());
+        for (const Node* item : n->items) items.push_back(eval(item));
+        return array;
+    }
+    case Op::TableLiteral: {
+        Variable table = Variable::makeTable();
+        Table& target = table.table();
+        target.reserve(n->keys.size());
+        std::size_t item = 0;
+        for (StringObject* key : n->keys) {
+            if (key) {
+                Variable value = eval(n->items[item++]);
+                target.getOrInsert(key) = std::move(value);
+            } else {
+                Variable computed = eval(n->items[item++]);
+                Variable value = eval(n->items[item++]);
+                errorToken = n->token;
+                std::string buffer;
+                std::string_view text = keyText(computed, buffer);
+                target.getOrInsert(text) = std::move(value);
+            }
+        }
+        return table;
+    }
+    case Op::Index: {
+        Variable container = eval(n->left);
+        Variable key = eval(n->right);
+        if (container.type() == VarType::Array && key.type() == VarType::Int) {
+            auto& items = container.arrayItems();
+            std::int32_t index = key.asInt();
+            if (index >= 1 && static_cast<std::size_t>(index) <= items.size()) return items[static_cast<std::size_t>(index - 1)];
+        }
+        errorToken = n->token;
+        return getIndexedValue(container, key);
+    }
+    case Op::IndexKey: {
+        Variable container = eval(n->left);
+        if (container.type() == VarType::Table) {
+            Variable* found = container.table().find(n->constant.stringObject());
+            return found ? *found : Variable();
+        }
+        errorToken = n->token;
+        return getKeyedValue(container, n->constant.stringObject());
+    }
+    case Op::Call: return evalCall(n);
+    }
+    return Variable();
+}
+
+Variable Interpreter::evalCall(const Node* n) {
+    const Node* calleeNode = n->left;
+    Variable callee;
+    if (calleeNode->op == Op::IndexKey) {
+        Variable container = eval(calleeNode->left);
+        if (container.type() == VarType::String) {
+            // "text"["upper"](...): call the string function with the text first, no binding made.
+            Variable* function = stringLibrary.type() == VarType::Table
+                                     ? stringLibrary.table().find(calleeNode->constant.stringObject())
+                                     : nullptr;
+            if (function && function->type() == VarType::Function && function->callable().kind == ScriptCallable::Kind::Native) {
+                Variable target = *function;
+                ArgumentScope scope(*this);
+                scope.arguments.push_back(std::move(container));
+                for (const Node* argument : n->items) scope.arguments.push_back(eval(argument));
+                errorToken = n->token;
+                return callNative(target.callable(), scope.arguments);
+            }
+        }
+        errorToken = calleeNode->token;
+        callee = container.type() == VarType::Table ? [&] {
+            Variable* found = container.table().find(calleeNode->constant.stringObject());
+            return found ? *found : Variable();
+        }()
+                                                    : getKeyedValue(container, calleeNode->constant.stringObject());
+    } else {
+        callee = eval(calleeNode);
+    }
+    if (callee.type() != VarType::Function) {
+        errorToken = n->token;
+        throw ScriptError(std::string("Attempted to call a non-function value of type ") + typeName(callee.type()));
+    }
+    ScriptCallable& callable = callee.callable();
+    switch (callable.kind) {
+    case ScriptCallable::Kind::Native: {
+        ArgumentScope scope(*this);
+        for (const Node* argument : n->items) scope.arguments.push_back(eval(argument));
+        errorToken = n->token;
+        return callNative(callable, scope.arguments);
+    }
+    case ScriptCallable::Kind::Script: {
+        if (!callable.proto) {
+            errorToken = n->token;
+            throw ScriptError("Attempted to call an invalid function value");
+        }
+        FunctionProto& proto = *callable.proto;
+        SlotReservation reservation(*this, proto);
+        std::size_t count = n->items.size();
+        auto params = static_cast<std::size_t>(proto.paramCount);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i < params) {
+                reservation.slots[i] = eval(n->items[i]);
+            } else {
+                eval(n->items[i]);  // extra arguments are evaluated for their effects, then dropped
+            }
+        }
+        for (std::size_t i = count; i < params; ++i) reservation.slots[i] = Variable();
+        errorToken = n->token;
+        reservation.handedOver = true;
+        return callScript(proto, reservation.slots, reservation.mark);
+    }
+    case ScriptCallable::Kind::Chunk: {
+        errorToken = n->token;
+        if (!n->items.empty()) throw ScriptError("Loaded script chunks do not accept call arguments");
+        if (!callable.proto) throw ScriptError("Attempted to call an invalid function value");
+        FunctionProto& proto = *callable.proto;
+        SlotReservation reservation(*this, proto);
+        reservation.handedOver = true;
+        return callScript(proto, reservation.slots, reservation.mark);
+    }
+    }
+    return Variable();
+}
+
+Variable Interpreter::call(const Variable& callee, const std::vector<Variable>& arguments) {
+    if (callee.type() != VarType::Function) throw ScriptError("callCallable: value is not a function");
+    ScriptCallable& callable = callee.callable();
+    if (callable.kind == ScriptCallable::Kind::Native) return callNative(callable, arguments);
+    if (!callable.proto) throw ScriptError("Attempted to call an invalid function value");
+    if (callable.kind == ScriptCallable::Kind::Chunk && !arguments.empty())
+        throw ScriptError("Loaded script chunks do not accept call arguments");
+    FunctionProto& proto = *callable.proto;
+    Variable keepAlive = callee;
+    SlotReservation reservation(*this, proto);
+    auto params = static_cast<std::size_t>(proto.paramCount);
+    for (std::size_t i = 0; i < params; ++i)
+        reservation.slots[i] = i < arguments.size() ? arguments[i] : Variable();
+    reservation.handedOver = true;
+    return callScript(proto, reservation.slots, reservation.mark);
+}
+
+Variable Interpreter::callNative(ScriptCallable& callable, const std::vector<Variable>& arguments) {
+    struct NativeScope {
+        Interpreter& vm;
+        explicit NativeScope(Interpreter& interpreter) : vm(interpreter) {
+            ++vm.nativeDepth;
+            if (vm.nativeScopes.size() <= vm.nativeDepth) vm.nativeScopes.resize(vm.nativeDepth + 1);
+        }
+        ~NativeScope() {
+            vm.nativeScopes[vm.nativeDepth].clear();
+            --vm.nativeDepth;
+        }
+    } scope(*this);
+    try {
+        return callable.native(arguments);
+    } catch (const ScriptError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw ScriptError("Out of memory");
+    } catch (const std::exception& error) {
+        throw ScriptError(error.what());
+    }
+}
+
+Variable Interpreter::callScript(FunctionProto& proto, Variable* slots, std::size_t mark) {
+    // Undoes everything the call set up, also when an error passes through.
+    struct CallFrame {
+        Interpreter& vm;
+        std::size_t valueMark;
+        std::size_t loopMark = 0;
+        bool loopsPushed = false;
+        CallFrame(Interpreter& interpreter, std::size_t mark) : vm(interpreter), valueMark(mark) {}
+        ~CallFrame() {
+            vm.activations.pop_back();
+            vm.current = vm.activations.empty() ? nullptr : &vm.activations.back();
+            if (loopsPushed) vm.loopStack.pop(loopMark);
+            vm.valueStack.pop(valueMark);
+        }
+    };
+    if (static_cast<int>(activations.size()) >= callDepthLimit) {
+        valueStack.pop(mark);
+        throw ScriptError("Call depth limit exceeded (recursion too deep)");
+    }
+    activations.emplace_back();
+    CallFrame frame(*this, mark);
+    Activation& activation = activations.back();
+    activation.proto = &proto;
+    activation.slots = slots;
+    if (proto.loopCount > 0) {
+        activation.loops = loopStack.push(static_cast<std::size_t>(proto.loopCount), frame.loopMark);
+        frame.loopsPushed = true;
+    }
+    current = &activation;
+    checkStack();
+    runBody(activation);
+    return std::move(returnValue);
+}
+
+}  // namespace korvel

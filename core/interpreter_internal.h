@@ -1,0 +1,268 @@
+// The interpreter's private machinery: compiled expression trees, compiled lines, function
+// prototypes, activations and the interpreter state itself.
+#pragma once
+
+#include "core/korvel_script.h"
+#include "core/parser_internal.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace korvel {
+
+struct Chunk;
+struct FunctionProto;
+
+// How a variable token is found: its name, an explicit scope code from a "#n" suffix (-1 for
+// none), the local slot of the current function that may hold it, and its global slot.
+struct NameRef {
+    std::string name;
+    int scope = -1;
+    std::int32_t localSlot = -1;
+    std::int32_t globalSlot = -1;
+};
+
+enum class Op : std::uint8_t {
+    Const,
+    Local,       // a name with a local slot; falls back to frame extras and the global
+    Global,      // a name with no local slot in this function
+    ScopedName,  // a name with an explicit scope suffix
+    Or, And,
+    Eq, Ne, Lt, Gt, Le, Ge,
+    Add, Sub, Mul, Div, IDiv, Mod, Pow, Tetration, Pentation,
+    Neg, Not, Len, Plus,
+    ArrayLiteral, TableLiteral,
+    Index,      // container[key]
+    IndexKey,   // container["constant"]: the key string is hashed once
+    Call,
+};
+
+struct Node {
+    Op op = Op::Const;
+    std::int32_t token = -1;  // the token an error report points at
+    NameRef* name = nullptr;
+    Node* left = nullptr;
+    Node* right = nullptr;
+    std::vector<Node*> items;         // call arguments, array items, table values
+    std::vector<StringObject*> keys;  // table literal: constant key, or null where items has [expr] pairs
+    Variable constant;                // Const value; IndexKey key
+};
+
+enum class StmtKind : std::uint8_t {
+    Empty,
+    Error,          // a line that failed to compile: raises its message when it runs
+    Expression,
+    Assign,
+    AssignLocal,    // local x = e / x = e where x is a live local, one plain target
+    Compound,
+    Declare,        // "local a, b" with no value
+    If, ElseIf, Else,
+    End,
+    While, Repeat, Until,
+    ForNumeric, ForIn,
+    FunctionDecl,
+    Return, Break, Nest,
+};
+
+enum class TargetScope : std::uint8_t { Plain, Native, Local, External, Explicit, Decay };
+
+struct Target {
+    NameRef* name = nullptr;
+    TargetScope scope = TargetScope::Plain;
+    std::vector<Node*> keys;  // index suffixes, outermost first; empty for a plain name
+};
+
+enum class IterKind : std::uint8_t { Pairs, IPairs, Array };
+
+struct CompiledLine {
+    StmtKind kind = StmtKind::Empty;
+    LineKind lineKind = LineKind::Statement;
+    std::int32_t jump = -1;       // if/elseif: next branch; loops: end line; decl: end line
+    std::int32_t endIndex = -1;
+    std::int32_t opener = -1;     // end/until/else: the opener line
+    std::int32_t loopSlot = -1;   // for loops: their state's index in the activation
+    std::int32_t breakTarget = -1;  // break: the enclosing loop's closing line
+    std::int32_t errorToken = -1;
+    char compoundOp = 0;          // + - * / \ % ^
+    IterKind iterKind = IterKind::Array;
+    Node* expr = nullptr;         // condition, value, start
+    Node* stop = nullptr;
+    Node* step = nullptr;
+    std::vector<Target> targets;
+    FunctionProto* proto = nullptr;  // function declarations
+    std::string message;             // Error lines
+};
+
+struct FunctionProto {
+    Chunk* chunk = nullptr;
+    std::string name;
+    bool isChunk = false;              // a whole script or a loaded chunk
+    std::int32_t declLine = -1;
+    std::int32_t bodyBegin = 0;
+    std::int32_t bodyEnd = 0;
+    std::int32_t paramCount = 0;
+    std::int32_t loopCount = 0;
+    std::vector<std::string> slotNames;
+    std::unordered_map<std::string, std::int32_t> slotIndex;
+    std::unordered_map<std::string, std::int32_t> labels;  // nest label -> line
+    std::vector<std::int32_t> loopOfLine;                   // unused entries are -1
+};
+
+struct Chunk : std::enable_shared_from_this<Chunk> {
+    ParsedScript parsed;
+    std::vector<CompiledLine> lines;
+    std::deque<Node> nodes;
+    std::deque<NameRef> names;
+    std::vector<std::unique_ptr<FunctionProto>> protos;  // protos[0] is the top level
+    std::vector<StringObject*> ownedKeys;
+    ~Chunk();
+};
+
+// The state of one running for loop.
+struct ForState {
+    bool active = false;
+    bool isInt = true;
+    std::int64_t current = 0, stop = 0, step = 1;
+    double currentF = 0, stopF = 0, stepF = 1;
+    Variable container;
+    std::vector<Variable> keys;  // table keys snapshot for pairs
+    std::size_t position = 0;
+};
+
+struct Activation {
+    FunctionProto* proto = nullptr;
+    Variable* slots = nullptr;
+    ForState* loops = nullptr;
+    std::unique_ptr<std::vector<std::pair<std::string, Variable>>> extras;  // names made at run time
+};
+
+// Thrown by jumpTo and caught by the running body of the current activation.
+struct JumpRequest {
+    std::string label;
+};
+
+// Segmented stack: blocks never move, so pointers into them stay valid while calls nest.
+template <typename T>
+class SegmentedStack {
+public:
+    static constexpr std::size_t kBlock = 1 << 14;
+    // Returns count contiguous default-initialised elements.
+    T* push(std::size_t count, std::size_t& mark);
+    void pop(std::size_t mark);
+
+private:
+    std::vector<std::unique_ptr<T[]>> m_blocks;
+    std::vector<std::size_t> m_blockSizes;
+    std::vector<std::size_t> m_leftTop;  // how much of each block was in use when the next one began
+    std::size_t m_block = 0;  // current block
+    std::size_t m_top = 0;    // used elements in the current block
+};
+
+class Interpreter {
+public:
+    explicit Interpreter(KorvelScript& owner);
+    ~Interpreter();
+
+    // Compiling
+    std::shared_ptr<Chunk> compileChunk(std::string_view source, std::string_view name, ScriptError* parseError);
+    RunResult run(const std::shared_ptr<Chunk>& chunk);
+    Variable runChunk(const std::shared_ptr<Chunk>& chunk);
+
+    // Calls
+    Variable call(const Variable& callee, const std::vector<Variable>& arguments);
+    Variable callNative(ScriptCallable& callable, const std::vector<Variable>& arguments);
+    Variable evalCall(const Node* node);
+    void executeAssignment(const CompiledLine& line);
+    void executeCompound(const CompiledLine& line);
+    void storeTarget(const Target& target, const Variable* keys, std::size_t keyCount, Variable value);
+    bool startForIn(const CompiledLine& line, ForState& state);
+    bool advanceForIn(const CompiledLine& line, ForState& state);
+    void assignLoopVariable(const Target& target, Variable value);
+    Variable callScript(FunctionProto& proto, Variable* slots, std::size_t mark);
+
+    // Evaluating and executing
+    Variable eval(const Node* node);
+    void runBody(Activation& activation);
+    void raiseError(const std::string& message);  // fails the current statement
+
+    // Scopes
+    std::int32_t globalSlot(std::string_view name);
+    Variable readName(const NameRef& name);
+    Variable* findNamePtr(const NameRef& name);
+    void assignName(const NameRef& name, TargetScope scope, Variable value);
+    Variable* findLocalByName(const std::string& name, bool acrossBases);
+    void setGlobal(std::string_view name, Variable value);
+    Variable getGlobal(std::string_view name);
+    std::vector<std::pair<std::string, Variable>>& nativeScope();
+
+    // Operations
+    Variable getIndexedValue(const Variable& container, const Variable& key);
+    Variable getKeyedValue(const Variable& container, StringObject* key);
+    void setIndexedValue(Variable& container, const Variable& key, Variable value);
+    Variable* indexedSlot(Variable& container, const Variable& key);
+    Variable boundStringMethod(const Variable& text, const std::string& method);
+
+    // Errors
+    std::string formatReport(const Chunk& chunk, std::int32_t sourceLine, std::int32_t column, const std::string& token,
+                             const std::string& message) const;
+
+    // Library registration
+    void registerLibrary();
+    void registerBaseLibrary();
+    void registerStringLibrary();
+    void registerTableLibrary();
+    void registerMathLibrary();
+
+    void write(std::string_view text);
+
+    KorvelScript& owner;
+    std::function<void(std::string_view)> writer;
+    std::string outputBuffer;
+
+    // Globals: a name's slot never changes; an Unset slot is not live.
+    std::unordered_map<std::string, std::int32_t> globalIndex;
+    std::vector<Variable> globals;
+
+    std::deque<Activation> activations;
+    Activation* current = nullptr;
+    std::size_t argumentDepth = 0;
+    SegmentedStack<Variable> valueStack;
+    SegmentedStack<ForState> loopStack;
+    std::deque<std::vector<Variable>> argumentPool;  // one vector per native call depth
+    std::deque<std::vector<std::pair<std::string, Variable>>> nativeScopes;
+    std::size_t nativeDepth = 0;
+    std::vector<std::string> externalNames;
+
+    Variable returnValue;
+    std::int32_t errorToken = -1;
+    int callDepthLimit = 200000;
+    std::uint64_t stepBudget = 0;
+    std::uint64_t steps = 0;
+    std::uintptr_t stackBase = 0;
+    std::size_t stackLimit = 0;
+    std::vector<std::string> scriptDirectories;  // innermost running script last
+
+    Variable stringLibrary;  // the string group that string methods come from
+    std::vector<std::shared_ptr<Chunk>> liveChunks;  // chunks whose functions may still be called
+
+    void checkStack();
+};
+
+// Arithmetic helpers shared by the evaluator and the library.
+Variable performOperation(const Variable& left, char op, const Variable& right);
+Variable performOperation(const Variable& left, std::string_view op, const Variable& right);
+Variable performTetrationOperation(const Variable& base, const Variable& height);
+Variable performPentationOperation(const Variable& base, const Variable& count);
+std::int64_t arrayLength(const Variable& value);
+std::int64_t numericTableLength(const Table& table);
+// The text of a table key for a non-string key value, written into buffer.
+std::string_view keyText(const Variable& key, std::string& buffer);
+
+// Argument helpers for the library's messages.
+[[noreturn]] void throwScriptError(const std::string& message);
+
+}  // namespace korvel

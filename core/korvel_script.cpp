@@ -1,0 +1,211 @@
+// The public face of the interpreter.
+#include "core/korvel_script.h"
+
+#include "core/interpreter_internal.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace korvel {
+
+struct KorvelScript::Impl {
+    explicit Impl(KorvelScript& owner) : vm(owner) {}
+    Interpreter vm;
+};
+
+Interpreter::Interpreter(KorvelScript& script) : owner(script) {
+    nativeScopes.resize(1);
+    returnValue = Variable();
+}
+
+Interpreter::~Interpreter() {
+    // Drop values before the chunks whose keys they may share.
+    returnValue = Variable();
+    globals.clear();
+}
+
+void Interpreter::write(std::string_view text) {
+    if (writer) {
+        writer(text);
+    } else {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+    }
+}
+
+Variable Interpreter::runChunk(const std::shared_ptr<Chunk>& chunk) {
+    FunctionProto& top = *chunk->protos.front();
+    std::size_t mark = 0;
+    Variable* slots = valueStack.push(top.slotNames.size(), mark);
+    for (std::size_t i = 0; i < top.slotNames.size(); ++i) slots[i] = Variable::unset();
+    return callScript(top, slots, mark);
+}
+
+RunResult Interpreter::run(const std::shared_ptr<Chunk>& chunk) {
+    RunResult result;
+    try {
+        result.value = runChunk(chunk);
+    } catch (const ScriptError& error) {
+        result.ok = false;
+        result.errorMessage = error.what();
+        result.errorReport =
+            error.located() ? error.report() : "KorvelScript error: " + result.errorMessage + "\n";
+    } catch (const JumpRequest& jump) {
+        result.ok = false;
+        result.errorMessage = "jumpTo(label): no nest label '" + jump.label + "'";
+        result.errorReport = "KorvelScript error: " + result.errorMessage + "\n";
+    }
+    return result;
+}
+
+KorvelScript::KorvelScript() : m_impl(std::make_unique<Impl>(*this)) { m_impl->vm.registerLibrary(); }
+
+KorvelScript::~KorvelScript() = default;
+
+RunResult KorvelScript::runScript(std::string_view source, std::string_view scriptName) {
+    Interpreter& vm = m_impl->vm;
+    ScriptError parseError("");
+    std::shared_ptr<Chunk> chunk = vm.compileChunk(source, scriptName, &parseError);
+    if (!chunk) {
+        RunResult result;
+        result.ok = false;
+        result.errorMessage = parseError.what();
+        result.errorReport = parseError.report();
+        return result;
+    }
+    return vm.run(chunk);
+}
+
+namespace {
+bool readWholeFile(const std::string& path, std::string& out) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return false;
+    std::ostringstream buffer;
+    buffer << file.rdbuf();
+    out = buffer.str();
+    return true;
+}
+
+std::string directoryOf(const std::string& path) {
+    std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+}  // namespace
+
+RunResult KorvelScript::runFile(const std::string& path) {
+    std::string normalised = normalisePath(path);
+    std::string source;
+    if (!readWholeFile(normalised, source)) {
+        RunResult result;
+        result.ok = false;
+        result.errorMessage = "Failed to open script file: " + path;
+        result.errorReport = "KorvelScript error: " + result.errorMessage + "\n";
+        return result;
+    }
+    Interpreter& vm = m_impl->vm;
+    vm.scriptDirectories.push_back(directoryOf(normalised));
+    RunResult result = runScript(source, path);
+    vm.scriptDirectories.pop_back();
+    return result;
+}
+
+void KorvelScript::pushFunction(const std::string& name, NativeFunction function) {
+    m_impl->vm.setGlobal(name, createNativeCallable(std::move(function), name));
+}
+
+void KorvelScript::pushVariable(const std::string& name, Variable value) {
+    m_impl->vm.setGlobal(name, std::move(value));
+}
+
+Variable KorvelScript::pullVariable(const std::string& name) {
+    Interpreter& vm = m_impl->vm;
+    if (Variable* local = vm.findLocalByName(name, false)) return *local;
+    auto found = vm.globalIndex.find(name);
+    if (found != vm.globalIndex.end() && !vm.globals[static_cast<std::size_t>(found->second)].isUnset())
+        return vm.globals[static_cast<std::size_t>(found->second)];
+    throw ScriptError("Variable not found: " + name);
+}
+
+Variable KorvelScript::callCallable(const Variable& callable, const std::vector<Variable>& arguments) {
+    if (callable.type() != VarType::Function) throw ScriptError("callCallable: value is not a function");
+    return m_impl->vm.call(callable, arguments);
+}
+
+Variable KorvelScript::invokeCallable(const Variable& callable, const std::vector<Variable>& arguments) {
+    return callCallable(callable, arguments);
+}
+
+Variable KorvelScript::createNativeCallable(NativeFunction function, const std::string& name) {
+    auto* callable = new ScriptCallable;
+    callable->kind = ScriptCallable::Kind::Native;
+    callable->name = name;
+    callable->native = std::move(function);
+    return Variable::makeFunction(callable);
+}
+
+void KorvelScript::commitExternalScopeToGlobal() {
+    Interpreter& vm = m_impl->vm;
+    for (const std::string& name : vm.externalNames) {
+        if (Variable* value = vm.findLocalByName(name, true)) vm.setGlobal(name, *value);
+    }
+    vm.externalNames.clear();
+}
+
+void KorvelScript::setOutput(std::function<void(std::string_view)> writer) { m_impl->vm.writer = std::move(writer); }
+
+void KorvelScript::flushOutput() { std::fflush(stdout); }
+
+std::string KorvelScript::normalisePath(std::string_view path) {
+    std::string text(path);
+    for (char& c : text)
+        if (c == '\\') c = '/';
+    bool absolute = !text.empty() && text[0] == '/';
+    std::vector<std::string> parts;
+    std::size_t pos = 0;
+    while (pos <= text.size()) {
+        std::size_t slash = text.find('/', pos);
+        if (slash == std::string::npos) slash = text.size();
+        std::string part = text.substr(pos, slash - pos);
+        if (part == "..") {
+            if (!parts.empty() && parts.back() != "..") {
+                parts.pop_back();
+            } else if (!absolute) {
+                parts.push_back(part);
+            }
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        pos = slash + 1;
+    }
+    std::string out = absolute ? "/" : "";
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i) out += '/';
+        out += parts[i];
+    }
+    if (out.empty()) out = absolute ? "/" : ".";
+    return out;
+}
+
+std::string KorvelScript::resolvePath(std::string_view path) const {
+    std::string normalised = normalisePath(path);
+    if (!normalised.empty() && normalised[0] == '/') return normalised;
+    const Interpreter& vm = m_impl->vm;
+    std::vector<std::string> candidates;
+    if (!vm.scriptDirectories.empty()) candidates.push_back(vm.scriptDirectories.back() + normalised);
+    candidates.push_back(normalised);
+    candidates.push_back("scripts/" + normalised);
+    for (const std::string& candidate : candidates) {
+        std::ifstream probe(candidate);
+        if (probe) return normalisePath(candidate);
+    }
+    return normalised;
+}
+
+void KorvelScript::setCallDepthLimit(int depth) { m_impl->vm.callDepthLimit = depth; }
+
+void KorvelScript::setStepBudget(std::uint64_t steps) {
+    m_impl->vm.stepBudget = steps;
+    m_impl->vm.steps = 0;
+}
+
+}  // namespace korvel

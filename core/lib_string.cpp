@@ -1,0 +1,259 @@
+// The string group: format, find, sub, upper, lower, len, rep, byte, char.
+#include "core/library_internal.h"
+
+#include <cmath>
+#include <cstdio>
+
+namespace korvel {
+
+namespace {
+
+constexpr std::size_t kMaxStringResult = std::size_t(1) << 28;  // 256 MiB
+constexpr int kMaxFormatWidth = 4096;
+
+// Lua-style 1-based positions: negative counts from the end; the result is clamped to [1, len+1].
+std::int64_t startPosition(std::int64_t i, std::size_t length) {
+    if (i > 0) return i;
+    if (i == 0) return 1;
+    if (static_cast<std::size_t>(-i) > length) return 1;
+    return static_cast<std::int64_t>(length) + i + 1;
+}
+
+std::int64_t endPosition(std::int64_t j, std::size_t length) {
+    if (j > static_cast<std::int64_t>(length)) return static_cast<std::int64_t>(length);
+    if (j >= 0) return j;
+    if (static_cast<std::size_t>(-j) > length) return 0;
+    return static_cast<std::int64_t>(length) + j + 1;
+}
+
+std::int64_t integerArgument(const Variable& v) {
+    if (v.type() == VarType::Int) return v.asInt();
+    return static_cast<std::int64_t>(std::floor(toDouble(v)));
+}
+
+bool hasPatternSpecials(const std::string& pattern) {
+    return pattern.find_first_of("^$*+?.([%-") != std::string::npos;
+}
+
+Variable formatString(const Args& args) {
+    if (args.empty() || args[0].type() != VarType::String)
+        throw ScriptError("string['format'](format, ...) requires a format string");
+    const std::string& format = args[0].asString();
+    std::string out;
+    std::size_t next = 1;
+    for (std::size_t i = 0; i < format.size(); ++i) {
+        char c = format[i];
+        if (c != '%') {
+            out += c;
+            continue;
+        }
+        if (i + 1 >= format.size()) throw ScriptError("string['format']: incomplete format specifier");
+        if (format[i + 1] == '%') {
+            out += '%';
+            ++i;
+            continue;
+        }
+        std::size_t start = i++;
+        std::string spec = "%";
+        while (i < format.size() && std::string_view("-+ #0").find(format[i]) != std::string_view::npos) spec += format[i++];
+        int width = 0, precision = -1;
+        while (i < format.size() && std::isdigit(static_cast<unsigned char>(format[i]))) {
+            width = std::min(width * 10 + (format[i] - '0'), kMaxFormatWidth + 1);
+            spec += format[i++];
+        }
+        if (i < format.size() && format[i] == '.') {
+            spec += format[i++];
+            precision = 0;
+            while (i < format.size() && std::isdigit(static_cast<unsigned char>(format[i]))) {
+                precision = std::min(precision * 10 + (format[i] - '0'), kMaxFormatWidth + 1);
+                spec += format[i++];
+            }
+        }
+        while (i < format.size() && std::string_view("hlLzjt").find(format[i]) != std::string_view::npos) ++i;
+        if (i >= format.size()) throw ScriptError("string['format']: incomplete format specifier");
+        char conversion = format[i];
+        std::string shown = format.substr(start, i - start + 1);
+        if (std::string_view("diuoxXcfFeEgGaAsq").find(conversion) == std::string_view::npos)
+            throw ScriptError(std::string("string['format']: unsupported specifier %") + conversion);
+        if (next >= args.size()) throw ScriptError("string['format']: missing argument for format specifier " + shown);
+        if (width > kMaxFormatWidth || precision > kMaxFormatWidth) throw ScriptError("string['format']: failed to format value");
+        const Variable& value = args[next++];
+        char buffer[512];
+        int written = -1;
+        switch (conversion) {
+        case 'd':
+        case 'i': {
+            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            spec += "lld";
+            written = std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<long long>(integerArgument(value)));
+            break;
+        }
+        case 'u':
+        case 'o':
+        case 'x':
+        case 'X': {
+            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            spec += "ll";
+            spec += conversion;
+            auto bits = static_cast<unsigned long long>(integerArgument(value));
+            if (integerArgument(value) < 0 && value.type() == VarType::Int) bits &= 0xffffffffull;
+            written = std::snprintf(buffer, sizeof buffer, spec.c_str(), bits);
+            break;
+        }
+        case 'c': {
+            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            spec += 'c';
+            written = std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<int>(integerArgument(value)) & 0xff);
+            break;
+        }
+        case 's': {
+            std::string text = value.toString();
+            spec += 's';
+            int n = std::snprintf(nullptr, 0, spec.c_str(), text.c_str());
+            if (n < 0) throw ScriptError("string['format']: failed to format string");
+            std::string piece(static_cast<std::size_t>(n) + 1, '\0');
+            std::snprintf(piece.data(), piece.size(), spec.c_str(), text.c_str());
+            piece.pop_back();
+            out += piece;
+            continue;
+        }
+        case 'q': {
+            std::string text = value.toString();
+            out += '"';
+            for (char ch : text) {
+                if (ch == '"' || ch == '\\') out += '\\';
+                if (ch == '\n') {
+                    out += "\\n";
+                    continue;
+                }
+                out += ch;
+            }
+            out += '"';
+            continue;
+        }
+        default: {
+            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            spec += conversion;
+            double number = toDouble(value);
+            int n = std::snprintf(nullptr, 0, spec.c_str(), number);
+            if (n < 0) throw ScriptError("string['format']: failed to format value");
+            std::string piece(static_cast<std::size_t>(n) + 1, '\0');
+            std::snprintf(piece.data(), piece.size(), spec.c_str(), number);
+            piece.pop_back();
+            out += piece;
+            continue;
+        }
+        }
+        if (written < 0) throw ScriptError("string['format']: failed to format value");
+        out.append(buffer, std::min<std::size_t>(static_cast<std::size_t>(written), sizeof buffer - 1));
+    }
+    return Variable(std::move(out));
+}
+
+Variable findString(const Args& args) {
+    if (args.size() < 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
+        throw ScriptError("string['find'](s, pattern[, init[, plain]]) requires a string and a pattern");
+    const std::string& text = args[0].asString();
+    const std::string& pattern = args[1].asString();
+    std::int64_t init = args.size() > 2 && !args[2].isNil() ? startPosition(integerArgument(args[2]), text.size()) : 1;
+    bool plain = args.size() > 3 && isTruthy(args[3]);
+    if (init > static_cast<std::int64_t>(text.size()) + 1) return Variable();
+    if (!plain && hasPatternSpecials(pattern)) return findPattern(text, pattern, static_cast<std::size_t>(init - 1), true);
+    std::size_t at = text.find(pattern, static_cast<std::size_t>(init - 1));
+    if (at == std::string::npos) return Variable();
+    return Variable::makeMulti(std::vector<Variable>{Variable(static_cast<std::int32_t>(at + 1)),
+                                                     Variable(static_cast<std::int32_t>(at + pattern.size()))});
+}
+
+}  // namespace
+
+void Interpreter::registerStringLibrary() {
+    Library lib(*this);
+    Variable string = lib.group("string");
+    stringLibrary = string;
+    lib.member(string, "string", "format", formatString, true);
+    lib.member(string, "string", "find", findString, true);
+    lib.member(string, "string", "match", [](const Args& args) {
+        if (args.size() < 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
+            throw ScriptError("string['match'](s, pattern[, init]) requires a string and a pattern");
+        const std::string& text = args[0].asString();
+        std::int64_t init = args.size() > 2 && !args[2].isNil() ? startPosition(integerArgument(args[2]), text.size()) : 1;
+        if (init > static_cast<std::int64_t>(text.size()) + 1) return Variable();
+        return findPattern(text, args[1].asString(), static_cast<std::size_t>(init - 1), false);
+    }, true);
+    lib.member(string, "string", "sub", [](const Args& args) {
+        if (args.size() < 2 || args.size() > 3 || args[0].type() != VarType::String || !args[1].isNumericLike() ||
+            (args.size() == 3 && !args[2].isNumericLike()))
+            throw ScriptError("string['sub'](s, i[, j]) requires a string and 1-2 numeric indices");
+        const std::string& text = args[0].asString();
+        std::int64_t i = startPosition(integerArgument(args[1]), text.size());
+        std::int64_t j = endPosition(args.size() == 3 ? integerArgument(args[2]) : -1, text.size());
+        if (i > j) return Variable("");
+        return Variable(std::string_view(text).substr(static_cast<std::size_t>(i - 1), static_cast<std::size_t>(j - i + 1)));
+    });
+    lib.member(string, "string", "upper", [](const Args& args) {
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("string['upper'](s) requires exactly 1 string argument");
+        std::string text = args[0].asString();
+        for (char& c : text)
+            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+        return Variable(std::move(text));
+    }, true);
+    lib.member(string, "string", "lower", [](const Args& args) {
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("string['lower'](s) requires exactly 1 string argument");
+        std::string text = args[0].asString();
+        for (char& c : text)
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+        return Variable(std::move(text));
+    }, true);
+    lib.member(string, "string", "len", [](const Args& args) {
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("string['len'](s) requires exactly 1 string argument");
+        return Variable(static_cast<std::int32_t>(args[0].asString().size()));
+    });
+    lib.member(string, "string", "rep", [](const Args& args) {
+        if (args.size() < 2 || args.size() > 3 || args[0].type() != VarType::String || !args[1].isNumericLike() ||
+            (args.size() == 3 && args[2].type() != VarType::String))
+            throw ScriptError("string['rep'](s, n[, sep]) requires a string, count, and optional separator");
+        const std::string& text = args[0].asString();
+        std::int64_t count = integerArgument(args[1]);
+        std::string separator = args.size() == 3 ? args[2].asString() : std::string();
+        if (count <= 0) return Variable("");
+        long double total = static_cast<long double>(text.size() + separator.size()) * static_cast<long double>(count);
+        if (total > static_cast<long double>(kMaxStringResult)) throw ScriptError("string['rep'] result is too large");
+        std::string out;
+        out.reserve(static_cast<std::size_t>(total));
+        for (std::int64_t i = 0; i < count; ++i) {
+            if (i) out += separator;
+            out += text;
+        }
+        return Variable(std::move(out));
+    });
+    lib.member(string, "string", "byte", [](const Args& args) {
+        if (args.empty() || args[0].type() != VarType::String ||
+            (args.size() > 1 && !args[1].isNumericLike()) || (args.size() > 2 && !args[2].isNumericLike()))
+            throw ScriptError("string['byte'](s[, i[, j]]) requires a string");
+        const std::string& text = args[0].asString();
+        std::int64_t i = startPosition(args.size() > 1 ? integerArgument(args[1]) : 1, text.size());
+        std::int64_t j = endPosition(args.size() > 2 ? integerArgument(args[2]) : i, text.size());
+        std::vector<Variable> bytes;
+        for (std::int64_t k = i; k <= j; ++k)
+            bytes.push_back(Variable(static_cast<std::int32_t>(static_cast<unsigned char>(text[static_cast<std::size_t>(k - 1)]))));
+        if (bytes.empty()) return Variable();
+        if (bytes.size() == 1) return bytes[0];
+        return Variable::makeMulti(std::move(bytes));
+    }, true);
+    lib.member(string, "string", "char", [](const Args& args) {
+        std::string out;
+        for (const Variable& value : args) {
+            if (!value.isNumericLike()) throw ScriptError("string['char'] requires numeric byte values");
+            std::int64_t code = integerArgument(value);
+            if (code < 0 || code > 255) throw ScriptError("string['char'] byte value out of range");
+            out += static_cast<char>(code);
+        }
+        return Variable(std::move(out));
+    }, true);
+}
+
+}  // namespace korvel

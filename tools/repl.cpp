@@ -1,0 +1,80 @@
+#include "tools/repl.h"
+
+#include "core/parser_internal.h"
+
+#include <string>
+
+namespace korvel::tools {
+
+bool needsMoreInput(const std::string& text) {
+    ParsedScript parsed;
+    ParseFailure failure;
+    if (!parseScript(text, parsed, failure)) return false;  // let the run report it
+    for (const ParsedScriptLine& line : parsed.lines) {
+        switch (line.kind) {
+        case LineKind::If:
+        case LineKind::While:
+        case LineKind::Repeat:
+        case LineKind::For:
+        case LineKind::Function:
+        case LineKind::DecayFunction:
+        case LineKind::NativeFunction:
+        case LineKind::LocalFunction:
+            if (line.endIndex < 0) return true;
+            break;
+        default: break;
+        }
+    }
+    return false;
+}
+
+namespace {
+
+// A single line that is an expression rather than a statement: no keyword line, no
+// top-level assignment.
+bool isExpressionLine(const std::string& text) {
+    ParsedScript parsed;
+    ParseFailure failure;
+    if (!parseScript(text, parsed, failure) || parsed.lines.size() != 1) return false;
+    const ParsedScriptLine& line = parsed.lines[0];
+    if (line.kind != LineKind::Statement || line.scopePrefix != ScopePrefix::None) return false;
+    int depth = 0;
+    for (const std::string& token : line.tokens) {
+        if (token == "(" || token == "[" || token == "{") ++depth;
+        else if (token == ")" || token == "]" || token == "}") --depth;
+        else if (depth == 0 && (token == "=" || (token.size() == 2 && token[1] == '=' &&
+                                                  std::string("+-*/\\%^").find(token[0]) != std::string::npos)))
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int runRepl(KorvelScript& script, std::istream& in, std::ostream& out, std::ostream& err, bool showPrompts) {
+    std::string buffer;
+    std::string line;
+    while (true) {
+        if (showPrompts) {
+            out << (buffer.empty() ? "> " : ">> ") << std::flush;
+        }
+        if (!std::getline(in, line)) break;
+        buffer += line;
+        buffer += '\n';
+        if (needsMoreInput(buffer)) continue;
+        std::string text;
+        text.swap(buffer);
+        bool expression = isExpressionLine(text);
+        RunResult result = script.runScript(expression ? "return " + text : text, "stdin");
+        script.flushOutput();
+        if (!result.ok) {
+            err << result.errorReport << std::flush;
+        } else if (expression && !result.value.isNil()) {
+            out << result.value.toString() << '\n' << std::flush;
+        }
+    }
+    if (showPrompts) out << '\n';
+    return 0;
+}
+
+}  // namespace korvel::tools
