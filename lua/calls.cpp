@@ -1,0 +1,177 @@
+// Calls, closures and indexing. Arguments are evaluated straight onto the VM's value stack, where
+// they become the callee's first slots, so a call allocates nothing on the heap.
+#include "vm_internal.h"
+
+#include "collector_internal.h"
+
+namespace korvel::lua {
+
+using Impl = LuaVM::Impl;
+
+void Impl::failRuntime(std::uint32_t line, std::string_view message) {
+    std::string text = m_currentFunction && m_currentFunction->chunkName ? *m_currentFunction->chunkName : std::string("?");
+    text += ':' + std::to_string(line) + ": ";
+    text += message;
+    throw LuaError(std::move(text));
+}
+
+void Impl::failUnlocated(std::string message) { throw LuaError(std::move(message)); }
+
+void Impl::stepBudgetExhausted() {
+    m_stepsLeft = 1;   // stays exhausted until the run ends
+    throw StepBudgetSignal{};
+}
+
+Value Impl::makeClosure(const FunctionExpr* proto, Frame& frame) {
+    auto* function = new FunctionObject();
+    Value result = Value::object(function);
+    function->name = proto->name;
+    function->proto = proto;
+    function->chunk = frame.closure->chunk;
+    function->owner = this;
+    function->upvalues.reserve(proto->upvalues.size());
+    for (const UpvalueSource& source : proto->upvalues) {
+        function->upvalues.push_back(source.fromParentLocal ? frame.slots[source.index] : frame.closure->upvalues[source.index]);
+    }
+    return result;
+}
+
+void Impl::evalCallToStack(const CallExpr* call, Frame& frame) {
+    std::size_t base = m_top;
+    Value callee;
+    if (!call->method.isNil()) {
+        Value object = eval(call->callee, frame);
+        if (object.kind() == Kind::Table) {
+            const Value* slot = object.asTable()->findString(call->method.asString());
+            if (slot) callee = *slot;
+        } else {
+            callee = indexField(object, call->method, call->line);
+        }
+        pushValue(std::move(object));
+    } else {
+        callee = eval(call->callee, frame);
+    }
+    pushExpressionList(call->arguments, frame);
+    invoke(callee, base, m_top - base, call->line);
+    for (std::size_t i = 0; i < m_returns.size(); ++i) pushValue(std::move(m_returns[i]));
+}
+
+Value Impl::evalCall(const CallExpr* call, Frame& frame) {
+    std::size_t base = m_top;
+    Value callee;
+    if (!call->method.isNil()) {
+        Value object = eval(call->callee, frame);
+        if (object.kind() == Kind::Table) {
+            const Value* slot = object.asTable()->findString(call->method.asString());
+            if (slot) callee = *slot;
+        } else {
+            callee = indexField(object, call->method, call->line);
+        }
+        pushValue(std::move(object));
+    } else {
+        callee = eval(call->callee, frame);
+    }
+    const std::vector<Expr*>& arguments = call->arguments;
+    std::size_t count = arguments.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const Expr* argument = arguments[i];
+        if (i + 1 == count && argument->kind == ExprKind::Call && !static_cast<const CallExpr*>(argument)->parenthesised) {
+            evalCallToStack(static_cast<const CallExpr*>(argument), frame);
+        } else {
+            Value value = eval(argument, frame);
+            if (m_top >= m_stackCapacity) failRuntime(call->line, "stack overflow");
+            m_stack[m_top++] = std::move(value);
+        }
+    }
+    invoke(callee, base, m_top - base, call->line);
+    return m_returns.empty() ? Value() : std::move(m_returns[0]);
+}
+
+void Impl::invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line) {
+    if (callee.kind() != Kind::Function) {
+        failRuntime(line, std::string("attempt to call a ") + describeValueType(callee.kind()) + " value");
+    }
+    FunctionObject* function = callee.asFunction();
+    if (function->proto) {
+        m_currentLine = line;
+        callScript(function, base, argumentCount);
+        return;
+    }
+    if (!function->native) failRuntime(line, "attempt to call an empty function");
+    countStep();
+    std::uint32_t savedLine = m_currentLine;
+    m_currentLine = line;
+    MultiValue results = function->native(*this, ValueSpan(m_stack + base, argumentCount), line);
+    m_currentLine = savedLine;
+    popTo(base);
+    m_returns = std::move(results);
+}
+
+void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount) {
+    const FunctionExpr* proto = function->proto;
+    countStep();
+    // A call is a safe point: everything in flight is held by counted references.
+    if (collectionDue()) collectCycles();
+    // Each script call nests a few native frames of the tree walker; the budget turns deep
+    // recursion into an error well before the thread's stack runs out.
+    const char* here = static_cast<const char*>(__builtin_frame_address(0));
+    if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
+        failRuntime(m_currentLine, "stack overflow");
+    }
+    std::size_t frameSize = proto->frameSize;
+    if (base + frameSize + 8 > m_stackCapacity) failRuntime(m_currentLine, "stack overflow");
+    std::size_t parameterCount = proto->parameters.size();
+    for (std::size_t i = parameterCount; i < argumentCount; ++i) m_stack[base + i] = Value();
+    m_top = base + frameSize;
+    for (const LocalInfo* parameter : proto->parameters) {
+        if (parameter->captured) {
+            auto* box = new BoxObject();
+            box->value = std::move(m_stack[base + parameter->slot]);
+            m_stack[base + parameter->slot] = Value::object(box);
+        }
+    }
+    const FunctionExpr* savedFunction = m_currentFunction;
+    m_currentFunction = proto;
+    Frame frame{m_stack + base, function};
+    Flow flow = execBlock(proto->body, frame);
+    if (flow != Flow::Return) m_returns.clear();
+    popTo(base);
+    m_currentFunction = savedFunction;
+}
+
+void Impl::callValue(const Value& callee, ValueSpan arguments, std::uint32_t line, MultiValue& out) {
+    std::size_t base = m_top;
+    for (const Value& argument : arguments) pushValue(argument);
+    invoke(callee, base, arguments.size(), line);
+    out = std::move(m_returns);
+    m_returns.clear();
+}
+
+Value Impl::indexField(const Value& object, const Value& name, std::uint32_t line) {
+    return index(object, name, line);
+}
+
+Value Impl::index(const Value& object, const Value& rawKey, std::uint32_t line) {
+    switch (object.kind()) {
+    case Kind::Table: {
+        Value key;
+        if (!tryMakeKeyFromValue(rawKey, key)) failRuntime(line, "table index must be a number, string, or boolean");
+        return object.asTable()->get(key);
+    }
+    case Kind::String: {
+        if (rawKey.kind() == Kind::String) {
+            const Value* method = m_stringLibrary->findString(rawKey.asString());
+            if (method && !method->isNil()) return *method;
+        }
+        failRuntime(line, "string indexing only supports library methods");
+    }
+    case Kind::UserData: {
+        if (rawKey.kind() != Kind::String) failRuntime(line, "userdata fields must be strings");
+        return object.asUserData()->field(*this, rawKey.stringView());
+    }
+    default:
+        failRuntime(line, std::string("attempt to index a ") + describeValueType(object.kind()) + " value");
+    }
+}
+
+} // namespace korvel::lua
