@@ -216,6 +216,7 @@ public:
     void registerStringLibrary();
     void registerTableLibrary();
     void registerMathLibrary();
+    void registerIoLibrary();
 
     void write(std::string_view text);
 

@@ -177,12 +177,13 @@ std::string KorvelScript::normalisePath(std::string_view path) {
         }
         pos = slash + 1;
     }
-    std::string out = absolute ? "/" : "";
+    std::string out;
+    if (absolute) out.push_back('/');
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i) out += '/';
-        out += parts[i];
+        if (i) out.push_back('/');
+        out.append(parts[i]);
     }
-    if (out.empty()) out = absolute ? "/" : ".";
+    if (out.empty()) out.push_back('.');
     return out;
 }
 

@@ -157,6 +157,7 @@ void Interpreter::registerLibrary() {
     registerStringLibrary();
     registerTableLibrary();
     registerMathLibrary();
+    registerIoLibrary();
 }
 
 }  // namespace korvel

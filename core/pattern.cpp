@@ -16,16 +16,16 @@ constexpr std::ptrdiff_t kUnfinished = -1;
 constexpr std::ptrdiff_t kPosition = -2;
 
 struct Matcher {
-    const char* sourceBegin;
-    const char* sourceEnd;
-    const char* patternEnd;
+    const char* sourceBegin = nullptr;
+    const char* sourceEnd = nullptr;
+    const char* patternEnd = nullptr;
     int level = 0;
     int depth = 0;
     long steps = 0;
     struct Capture {
-        const char* start;
-        std::ptrdiff_t length;
-    } captures[kMaxCaptures];
+        const char* start = nullptr;
+        std::ptrdiff_t length = 0;
+    } captures[kMaxCaptures] = {};
 
     [[noreturn]] static void fail(const std::string& message) { throw ScriptError("malformed pattern: " + message); }
 
@@ -251,7 +251,10 @@ struct Matcher {
 }  // namespace
 
 Variable findPattern(const std::string& text, const std::string& pattern, std::size_t init, bool positions) {
-    Matcher m{text.data(), text.data() + text.size(), pattern.data() + pattern.size()};
+    Matcher m{};
+    m.sourceBegin = text.data();
+    m.sourceEnd = text.data() + text.size();
+    m.patternEnd = pattern.data() + pattern.size();
     const char* p = pattern.data();
     bool anchored = !pattern.empty() && pattern[0] == '^';
     if (anchored) ++p;

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
+# engine. Does nothing when they are all present.
+set -euo pipefail
+packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo_cmd apt-get update -qq
+  $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
