@@ -62,6 +62,55 @@ struct SlotReservation {
 
 }  // namespace
 
+// Binds left and right to the operands of a binary node. Leaves are read in place; when the
+// right operand can run code, the left one is copied first so that code cannot change it.
+#define KORVEL_OPERANDS                                \
+    Variable leftScratch, rightScratch;                \
+    const Variable* leftPointer;                       \
+    if (n->right->op <= Op::ScopedName) {              \
+        leftPointer = &operand(n->left, leftScratch);  \
+    } else {                                           \
+        leftScratch = eval(n->left);                   \
+        leftPointer = &leftScratch;                    \
+    }                                                  \
+    const Variable& left = *leftPointer;               \
+    const Variable& right = operand(n->right, rightScratch);
+
+bool Interpreter::evalCondition(const Node* n) {
+    switch (n->op) {
+    case Op::And: return evalCondition(n->left) && evalCondition(n->right);
+    case Op::Or: return evalCondition(n->left) || evalCondition(n->right);
+    case Op::Not: return !evalCondition(n->left);
+    case Op::Eq: {
+        KORVEL_OPERANDS
+        if (bothInt(left, right)) return left.asInt() == right.asInt();
+        return variablesEqual(left, right);
+    }
+    case Op::Ne: {
+        KORVEL_OPERANDS
+        if (bothInt(left, right)) return left.asInt() != right.asInt();
+        return !variablesEqual(left, right);
+    }
+#define KORVEL_COMPARE_CONDITION(OPCODE, CMP)                            \
+    case Op::OPCODE: {                                                   \
+        KORVEL_OPERANDS                                                  \
+        if (bothInt(left, right)) return left.asInt() CMP right.asInt(); \
+        if (bothFloat(left, right)) return left.asFloat() CMP right.asFloat(); \
+        errorToken = n->token;                                           \
+        return compareVariables(left, right) CMP 0;                      \
+    }
+        KORVEL_COMPARE_CONDITION(Lt, <)
+        KORVEL_COMPARE_CONDITION(Gt, >)
+        KORVEL_COMPARE_CONDITION(Le, <=)
+        KORVEL_COMPARE_CONDITION(Ge, >=)
+#undef KORVEL_COMPARE_CONDITION
+    default: {
+        Variable scratch;
+        return isTruthy(operand(n, scratch));
+    }
+    }
+}
+
 Variable Interpreter::eval(const Node* n) {
     switch (n->op) {
     case Op::Const: return n->constant;
@@ -88,21 +137,18 @@ Variable Interpreter::eval(const Node* n) {
         return eval(n->right);
     }
     case Op::Eq: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right)) return Variable(left.asInt() == right.asInt());
         return Variable(variablesEqual(left, right));
     }
     case Op::Ne: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right)) return Variable(left.asInt() != right.asInt());
         return Variable(!variablesEqual(left, right));
     }
 #define KORVEL_COMPARE(OPCODE, CMP)                                                  \
     case Op::OPCODE: {                                                               \
-        Variable left = eval(n->left);                                               \
-        Variable right = eval(n->right);                                             \
+        KORVEL_OPERANDS                                                              \
         if (bothInt(left, right)) return Variable(left.asInt() CMP right.asInt());   \
         if (bothFloat(left, right)) return Variable(left.asFloat() CMP right.asFloat()); \
         errorToken = n->token;                                                       \
@@ -114,65 +160,56 @@ Variable Interpreter::eval(const Node* n) {
         KORVEL_COMPARE(Ge, >=)
 #undef KORVEL_COMPARE
     case Op::Add: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right)) return Variable(wrapAdd(left.asInt(), right.asInt()));
         if (bothFloat(left, right)) return Variable(left.asFloat() + right.asFloat());
         errorToken = n->token;
         return performOperation(left, '+', right);
     }
     case Op::Sub: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right)) return Variable(wrapSub(left.asInt(), right.asInt()));
         if (bothFloat(left, right)) return Variable(left.asFloat() - right.asFloat());
         errorToken = n->token;
         return performOperation(left, '-', right);
     }
     case Op::Mul: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right)) return Variable(wrapMul(left.asInt(), right.asInt()));
         if (bothFloat(left, right)) return Variable(left.asFloat() * right.asFloat());
         errorToken = n->token;
         return performOperation(left, '*', right);
     }
     case Op::Div: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothFloat(left, right) && right.asFloat() != 0.0f) return Variable(left.asFloat() / right.asFloat());
         errorToken = n->token;
         return performOperation(left, '/', right);
     }
     case Op::IDiv: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right) && right.asInt() > 0 && left.asInt() >= 0) return Variable(left.asInt() / right.asInt());
         errorToken = n->token;
         return performOperation(left, '\\', right);
     }
     case Op::Mod: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         if (bothInt(left, right) && right.asInt() > 0) return Variable(left.asInt() % right.asInt());
         errorToken = n->token;
         return performOperation(left, '%', right);
     }
     case Op::Pow: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         errorToken = n->token;
         return performOperation(left, '^', right);
     }
     case Op::Tetration: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         errorToken = n->token;
         return performTetrationOperation(left, right);
     }
     case Op::Pentation: {
-        Variable left = eval(n->left);
-        Variable right = eval(n->right);
+        KORVEL_OPERANDS
         errorToken = n->token;
         return performPentationOperation(left, right);
     }
@@ -221,8 +258,9 @@ Variable Interpreter::eval(const Node* n) {
         return table;
     }
     case Op::Index: {
-        Variable container = eval(n->left);
-        Variable key = eval(n->right);
+        KORVEL_OPERANDS
+        const Variable& container = left;
+        const Variable& key = right;
         if (container.type() == VarType::Array && key.type() == VarType::Int) {
             auto& items = container.arrayItems();
             std::int32_t index = key.asInt();
@@ -232,7 +270,8 @@ Variable Interpreter::eval(const Node* n) {
         return getIndexedValue(container, key);
     }
     case Op::IndexKey: {
-        Variable container = eval(n->left);
+        Variable scratch;
+        const Variable& container = operand(n->left, scratch);
         if (container.type() == VarType::Table) {
             Variable* found = container.table().find(n->constant.stringObject());
             return found ? *found : Variable();

@@ -6,7 +6,7 @@
 namespace korvel {
 
 template <typename T>
-T* SegmentedStack<T>::push(std::size_t count, std::size_t& mark) {
+T* SegmentedStack<T>::pushSlow(std::size_t count, std::size_t& mark) {
     if (m_blocks.empty()) {
         m_blocks.emplace_back(new T[kBlock]);
         m_blockSizes.push_back(kBlock);
@@ -36,18 +36,18 @@ T* SegmentedStack<T>::push(std::size_t count, std::size_t& mark) {
 }
 
 template <typename T>
-void SegmentedStack<T>::pop(std::size_t mark) {
+void SegmentedStack<T>::popSlow(std::size_t mark) {
     std::size_t block = mark >> 32;
     std::size_t top = mark & 0xffffffffu;
     // Reset what is released so references it held are dropped now.
     while (m_block > block) {
         T* base = m_blocks[m_block].get();
-        for (std::size_t i = 0; i < m_top; ++i) base[i] = T{};
+        for (std::size_t i = 0; i < m_top; ++i) reset(base[i]);
         --m_block;
         m_top = m_leftTop[m_block];
     }
     T* base = m_blocks.empty() ? nullptr : m_blocks[m_block].get();
-    for (std::size_t i = top; i < m_top; ++i) base[i] = T{};
+    for (std::size_t i = top; i < m_top; ++i) reset(base[i]);
     m_top = top;
 }
 
@@ -325,7 +325,7 @@ void Interpreter::runBody(Activation& activation) {
                             fail(b.message);
                         }
                         pc = branch;
-                        if (isTruthy(eval(b.expr))) {
+                        if (evalCondition(b.expr)) {
                             pc = branch + 1;
                             break;
                         }
@@ -390,7 +390,7 @@ void Interpreter::runBody(Activation& activation) {
                 }
                 case StmtKind::While:
                     if (line.endIndex < 0) fail("Missing 'end' for while block");
-                    pc = isTruthy(eval(line.expr)) ? pc + 1 : line.endIndex + 1;
+                    pc = evalCondition(line.expr) ? pc + 1 : line.endIndex + 1;
                     break;
                 case StmtKind::Repeat:
                     if (line.endIndex < 0) fail("Missing 'until' for repeat block");
@@ -398,7 +398,7 @@ void Interpreter::runBody(Activation& activation) {
                     break;
                 case StmtKind::Until:
                     if (line.opener < 0) fail("Unexpected 'until' without a repeat block");
-                    pc = isTruthy(eval(line.expr)) ? pc + 1 : line.opener + 1;
+                    pc = evalCondition(line.expr) ? pc + 1 : line.opener + 1;
                     break;
                 case StmtKind::ForNumeric: {
                     if (line.endIndex < 0) fail("Missing 'end' for block");

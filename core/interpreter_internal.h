@@ -150,11 +150,36 @@ template <typename T>
 class SegmentedStack {
 public:
     static constexpr std::size_t kBlock = 1 << 14;
-    // Returns count contiguous default-initialised elements.
-    T* push(std::size_t count, std::size_t& mark);
-    void pop(std::size_t mark);
+    // Returns count contiguous elements; the caller sets them.
+    T* push(std::size_t count, std::size_t& mark) {
+        if (!m_blocks.empty() && m_top + count <= m_blockSizes[m_block]) {
+            mark = (m_block << 32) | m_top;
+            T* base = m_blocks[m_block].get() + m_top;
+            m_top += count;
+            return base;
+        }
+        return pushSlow(count, mark);
+    }
+    // Releases everything pushed since mark.
+    void pop(std::size_t mark) {
+        if ((mark >> 32) == m_block) {
+            std::size_t top = mark & 0xffffffffu;
+            T* base = m_blocks[m_block].get();
+            for (std::size_t i = top; i < m_top; ++i) reset(base[i]);
+            m_top = top;
+            return;
+        }
+        popSlow(mark);
+    }
 
 private:
+    T* pushSlow(std::size_t count, std::size_t& mark);
+    void popSlow(std::size_t mark);
+    static void reset(Variable& v) { v.setNil(); }
+    static void reset(ForState& state) {
+        if (state.active || !state.keys.empty() || !state.container.isNil()) state = ForState{};
+    }
+
     std::vector<std::unique_ptr<T[]>> m_blocks;
     std::vector<std::size_t> m_blockSizes;
     std::vector<std::size_t> m_leftTop;  // how much of each block was in use when the next one began
@@ -186,6 +211,17 @@ public:
 
     // Evaluating and executing
     Variable eval(const Node* node);
+    bool evalCondition(const Node* node);
+    // A leaf's value without a copy where possible; otherwise evaluated into scratch.
+    const Variable& operand(const Node* node, Variable& scratch) {
+        if (node->op == Op::Const) return node->constant;
+        if (node->op == Op::Local) {
+            const Variable& slot = current->slots[node->name->localSlot];
+            if (!slot.isUnset()) return slot;
+        }
+        scratch = eval(node);
+        return scratch;
+    }
     void runBody(Activation& activation);
     void raiseError(const std::string& message);  // fails the current statement
 

@@ -139,8 +139,9 @@ public:
     void appendTo(std::string& out) const;
 
     static constexpr bool isHeapType(VarType type) noexcept {
-        return type == VarType::String || type == VarType::Raw || type == VarType::Array ||
-               type == VarType::MultiValue || type == VarType::Table || type == VarType::Function;
+        // One shift and mask: strings, raw bytes, arrays, multivalues, tables, functions.
+        constexpr std::uint32_t heapKinds = (1u << 3) | (1u << 4) | (1u << 7) | (1u << 8) | (1u << 9) | (1u << 10);
+        return (heapKinds >> (static_cast<std::uint32_t>(type) & 31u)) & 1u;
     }
 
 private:
