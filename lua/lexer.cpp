@@ -235,7 +235,7 @@ void Lexer::readNumber(Token& token) {
         for (std::size_t i = 0; i < ahead; ++i) advance();
         while (isDigit(peek())) advance();
     }
-    if (isNameStart(peek()) || peek() == '.') fail(token.line, token.column, "malformed number");
+    if (isNameStart(peek()) || (peek() == '.' && peek(1) != '.')) fail(token.line, token.column, "malformed number");
     token.text = std::string(m_source.substr(start, m_position - start));
     if (!isFloat) {
         // Decimal integers that do not fit 64 bits become floats.

@@ -132,7 +132,8 @@ public:
     StringObject* asString() const { return reinterpret_cast<StringObject*>(m_payload.object); }
     Table* asTable() const { return reinterpret_cast<Table*>(m_payload.object); }
     FunctionObject* asFunction() const { return reinterpret_cast<FunctionObject*>(m_payload.object); }
-    UserDataObject* asUserData() const { return reinterpret_cast<UserDataObject*>(m_payload.object); }
+    // User data is polymorphic, so its Object part is not at offset 0: defined in vm_internal.h.
+    UserDataObject* asUserData() const;
     IteratorObject* asIterator() const { return reinterpret_cast<IteratorObject*>(m_payload.object); }
     BoxObject* asBox() const { return reinterpret_cast<BoxObject*>(m_payload.object); }
 

@@ -49,6 +49,8 @@ struct UserDataObject : Object {
     virtual const char* typeTag() const = 0;
 };
 
+inline UserDataObject* Value::asUserData() const { return static_cast<UserDataObject*>(m_payload.object); }
+
 struct IteratorObject : Object {
     enum class Mode : std::uint8_t { AllKeys, Sequence, Matches };
     Mode mode = Mode::AllKeys;

@@ -1,0 +1,2 @@
+print("a" < 1)
+-- expect error: ordered comparisons require matching numbers or strings

@@ -1,0 +1,3 @@
+local function down(n) return down(n + 1) + 1 end
+down(1)
+-- expect error: stack overflow

@@ -1,0 +1,2 @@
+local x = = 2
+-- expect error: syntax.lua:1:11: expected expression

@@ -1,0 +1,24 @@
+-- Closures capture variables, not values; each loop iteration has a fresh variable.
+local function makeCounter(start)
+  local count = start
+  return function(step)
+    count = count + (step or 1)
+    return count
+  end
+end
+local a = makeCounter(10)
+local b = makeCounter(0)
+a()
+print(a(5), b())           -- expect: 16	1
+
+local callbacks = {}
+for i = 1, 3 do
+  callbacks[#callbacks + 1] = function() return i * i end
+end
+print(callbacks[1](), callbacks[3]())   -- expect: 1	9
+
+local function fib(n)
+  if n < 2 then return n end
+  return fib(n - 1) + fib(n - 2)
+end
+print(fib(20))             -- expect: 6765
