@@ -69,6 +69,7 @@ struct TableExpr : Expr {
 struct FieldExpr : Expr {
     Expr* object;
     Value name;                // string constant, shared with every lookup of this node
+    mutable std::uint32_t cacheHint = ~std::uint32_t{0};   // entry index of the last table looked up
     FieldExpr(Expr* objectExpr, Value fieldName, std::uint32_t sourceLine)
         : Expr(ExprKind::Field, sourceLine), object(objectExpr), name(std::move(fieldName)) {}
 };
@@ -84,6 +85,7 @@ struct CallExpr : Expr {
     Expr* callee;
     std::vector<Expr*> arguments;
     Value method;              // nil, or the method name of `o:m(...)`
+    mutable std::uint32_t cacheHint = ~std::uint32_t{0};
     bool parenthesised = false; // `(f())` gives exactly one value
     CallExpr(Expr* calleeExpr, std::uint32_t sourceLine) : Expr(ExprKind::Call, sourceLine), callee(calleeExpr) {}
 };

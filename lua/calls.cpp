@@ -42,7 +42,7 @@ void Impl::evalCallToStack(const CallExpr* call, Frame& frame) {
     if (!call->method.isNil()) {
         Value object = eval(call->callee, frame);
         if (object.kind() == Kind::Table) {
-            const Value* slot = object.asTable()->findString(call->method.asString());
+            const Value* slot = object.asTable()->findStringCached(call->method.asString(), call->cacheHint);
             if (slot) callee = *slot;
         } else {
             callee = indexField(object, call->method, call->line);
@@ -62,7 +62,7 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     if (!call->method.isNil()) {
         Value object = eval(call->callee, frame);
         if (object.kind() == Kind::Table) {
-            const Value* slot = object.asTable()->findString(call->method.asString());
+            const Value* slot = object.asTable()->findStringCached(call->method.asString(), call->cacheHint);
             if (slot) callee = *slot;
         } else {
             callee = indexField(object, call->method, call->line);

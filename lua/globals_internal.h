@@ -28,6 +28,17 @@ public:
         return found == m_indices.end() ? -1 : static_cast<long long>(found->second);
     }
     Value& at(std::uint32_t index) { return m_values[index]; }
+
+    // String constants of every chunk share one object per text, so a field name in the source
+    // and the key stored by a constructor are the same object and compare by address.
+    // Short names only, and a bounded number of them, so generated source cannot grow the set forever.
+    Value internConstant(const std::string& text) {
+        auto found = m_constants.find(text);
+        if (found != m_constants.end()) return found->second;
+        Value value = Value::string(text);
+        if (text.size() <= 40 && m_constants.size() < (1u << 16)) m_constants.emplace(text, value);
+        return value;
+    }
     std::vector<Value>& values() { return m_values; }
     const std::string& nameOf(std::uint32_t index) const { return m_names[index]; }
 
@@ -35,6 +46,7 @@ private:
     std::unordered_map<std::string, std::uint32_t> m_indices;
     std::vector<Value> m_values;
     std::vector<std::string> m_names;
+    std::unordered_map<std::string, Value> m_constants;
 };
 
 } // namespace korvel::lua

@@ -3,6 +3,7 @@
 #include "vm_internal.h"
 
 #include <cmath>
+#include <charconv>
 #include <cstring>
 
 namespace korvel::lua {
@@ -30,20 +31,6 @@ std::int64_t wrapSubtract(std::int64_t a, std::int64_t b) {
 }
 std::int64_t wrapMultiply(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
-}
-
-// Appends the text form used by "..": strings as they are, numbers in their printed form.
-void appendText(std::string& out, const Value& value) {
-    switch (value.kind()) {
-    case Kind::String: out.append(value.stringView()); return;
-    case Kind::Integer: {
-        char buffer[24];
-        int length = std::snprintf(buffer, sizeof buffer, "%lld", static_cast<long long>(value.asInteger()));
-        out.append(buffer, static_cast<std::size_t>(length));
-        return;
-    }
-    default: out += value.toString(); return;
-    }
 }
 
 } // namespace
@@ -105,21 +92,46 @@ bool lessThan(Impl& vm, const Value& left, const Value& right, bool orEqual, std
     vm.failRuntime(line, "ordered comparisons require matching numbers or strings");
 }
 
-Value concatenate(Impl& vm, const Value& left, const Value& right, std::uint32_t line) {
-    if (left.kind() == Kind::String && right.kind() == Kind::String) {
-        std::size_t a = left.asString()->length, b = right.asString()->length;
-        if (a + b > kMaxStringLength) vm.failRuntime(line, "string is too large");
-        StringObject* joined = StringObject::allocate(a + b);
-        std::memcpy(joined->mutableData(), left.asString()->data(), a);
-        std::memcpy(joined->mutableData() + a, right.asString()->data(), b);
-        return Value::object(joined);
+namespace {
+
+// The text of one ".." operand: strings as they are, integers through to_chars, others through
+// their text form. `buffer` and `owned` keep the bytes alive.
+std::string_view concatPiece(const Value& value, char (&buffer)[24], std::string& owned) {
+    if (value.kind() == Kind::String) return value.stringView();
+    if (value.kind() == Kind::Integer) {
+        auto result = std::to_chars(buffer, buffer + sizeof buffer, value.asInteger());
+        return std::string_view(buffer, static_cast<std::size_t>(result.ptr - buffer));
     }
-    std::string text;
-    appendText(text, left);
-    appendText(text, right);
-    if (text.size() > kMaxStringLength) vm.failRuntime(line, "string is too large");
-    return Value::string(text);
+    owned = value.toString();
+    return owned;
 }
+
+} // namespace
+
+Value concatenate(Impl& vm, const Value& left, const Value& right, std::uint32_t line) {
+    char leftBuffer[24], rightBuffer[24];
+    std::string leftOwned, rightOwned;
+    std::string_view a = concatPiece(left, leftBuffer, leftOwned);
+    std::string_view b = concatPiece(right, rightBuffer, rightOwned);
+    if (a.size() + b.size() > kMaxStringLength) vm.failRuntime(line, "string is too large");
+    StringObject* joined = StringObject::allocate(a.size() + b.size());
+    if (!a.empty()) std::memcpy(joined->mutableData(), a.data(), a.size());
+    if (!b.empty()) std::memcpy(joined->mutableData() + a.size(), b.data(), b.size());
+    return Value::object(joined);
+}
+
+namespace {
+
+// Locals and constants are read in place: no operand evaluation can change them (closures reach
+// only boxed locals, and the value stack never moves). Anything else is evaluated into `scratch`.
+inline const Value& operand(Impl& vm, const Expr* expr, Impl::Frame& frame, Value& scratch) {
+    if (expr->kind == ExprKind::Local) return frame.slots[static_cast<const VariableExpr*>(expr)->index];
+    if (expr->kind == ExprKind::Constant) return static_cast<const ConstantExpr*>(expr)->value;
+    scratch = vm.eval(expr, frame);
+    return scratch;
+}
+
+} // namespace
 
 Value Impl::eval(const Expr* expr, Frame& frame) {
     switch (expr->kind) {
@@ -148,8 +160,9 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     case ExprKind::Subtract:
     case ExprKind::Multiply: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
         if (left.kind() == Kind::Integer && right.kind() == Kind::Integer) {
             std::int64_t a = left.asInteger(), b = right.asInteger();
             return Value::integer(expr->kind == ExprKind::Add        ? wrapAdd(a, b)
@@ -165,14 +178,23 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     case ExprKind::Divide:
     case ExprKind::Modulo: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
+        if (left.kind() == Kind::Integer && right.kind() == Kind::Integer && right.asInteger() > 0 &&
+            expr->kind == ExprKind::Modulo && left.asInteger() >= 0) {
+            return Value::integer(left.asInteger() % right.asInteger());
+        }
+        if (left.kind() == Kind::Float && right.kind() == Kind::Float && expr->kind == ExprKind::Divide && right.asFloat() != 0.0) {
+            return numericResult(left.asFloat() / right.asFloat());
+        }
         return arithmetic(*this, expr->kind, left, right, expr->line);
     }
     case ExprKind::Concat: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
         return concatenate(*this, left, right, expr->line);
     }
     case ExprKind::Equal:
@@ -225,15 +247,16 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
         auto* field = static_cast<const FieldExpr*>(expr);
         Value object = eval(field->object, frame);
         if (object.kind() == Kind::Table) {
-            const Value* slot = object.asTable()->findString(field->name.asString());
+            const Value* slot = object.asTable()->findStringCached(field->name.asString(), field->cacheHint);
             return slot ? *slot : Value();
         }
         return indexField(object, field->name, expr->line);
     }
     case ExprKind::Index: {
         auto* indexing = static_cast<const IndexExpr*>(expr);
-        Value object = eval(indexing->object, frame);
-        Value key = eval(indexing->key, frame);
+        Value objectScratch, keyScratch;
+        const Value& object = operand(*this, indexing->object, frame, objectScratch);
+        const Value& key = operand(*this, indexing->key, frame, keyScratch);
         if (object.kind() == Kind::Table && key.kind() == Kind::Integer) {
             const Value* slot = object.asTable()->findInteger(key.asInteger());
             return slot ? *slot : Value();
@@ -252,8 +275,9 @@ bool Impl::evalTruth(const Expr* expr, Frame& frame) {
     case ExprKind::Equal:
     case ExprKind::NotEqual: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
         bool equal = left.kind() == Kind::Integer && right.kind() == Kind::Integer ? left.asInteger() == right.asInteger()
                                                                                   : valuesEqual(left, right);
         return expr->kind == ExprKind::Equal ? equal : !equal;
@@ -261,15 +285,23 @@ bool Impl::evalTruth(const Expr* expr, Frame& frame) {
     case ExprKind::Less:
     case ExprKind::LessEqual: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
+        if (left.kind() == Kind::Integer && right.kind() == Kind::Integer) {
+            return expr->kind == ExprKind::LessEqual ? left.asInteger() <= right.asInteger() : left.asInteger() < right.asInteger();
+        }
         return lessThan(*this, left, right, expr->kind == ExprKind::LessEqual, expr->line);
     }
     case ExprKind::Greater:
     case ExprKind::GreaterEqual: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Value left = eval(binary->left, frame);
-        Value right = eval(binary->right, frame);
+        Value leftScratch, rightScratch;
+        const Value& left = operand(*this, binary->left, frame, leftScratch);
+        const Value& right = operand(*this, binary->right, frame, rightScratch);
+        if (left.kind() == Kind::Integer && right.kind() == Kind::Integer) {
+            return expr->kind == ExprKind::GreaterEqual ? left.asInteger() >= right.asInteger() : left.asInteger() > right.asInteger();
+        }
         return lessThan(*this, right, left, expr->kind == ExprKind::GreaterEqual, expr->line);
     }
     case ExprKind::Not: return !evalTruth(static_cast<const UnaryExpr*>(expr)->operand, frame);
@@ -321,7 +353,9 @@ void Impl::assign(const Expr* target, Value value, Frame& frame) {
         if (object.kind() != Kind::Table) {
             failRuntime(target->line, std::string("attempt to assign into a ") + describeValueType(object.kind()) + " value");
         }
-        object.asTable()->set(field->name, std::move(value));
+        Table* table = object.asTable();
+        if (table->assignStringCached(field->name.asString(), field->cacheHint, value)) return;
+        table->set(field->name, std::move(value));
         return;
     }
     case ExprKind::Index: {
@@ -505,9 +539,7 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     case StmtKind::Return: {
         auto* returning = static_cast<const ReturnStmt*>(statement);
         if (returning->values.size() == 1 && returning->values[0]->kind != ExprKind::Call) {
-            Value value = eval(returning->values[0], frame);
-            m_returns.clear();
-            m_returns.push(std::move(value));
+            m_returns.setOne(eval(returning->values[0], frame));
             return Flow::Return;
         }
         std::size_t base = m_top;

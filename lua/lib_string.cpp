@@ -472,9 +472,9 @@ void bindStringLibrary(Impl& vm) {
         StringObject* result = StringObject::allocate(total);
         char* out = result->mutableData();
         for (std::uint64_t i = 0; i < pieces && unit != 0; ++i) {
-            std::memcpy(out, text.data(), text.size());
+            if (!text.empty()) std::memcpy(out, text.data(), text.size());
             out += text.size();
-            if (i + 1 < pieces) {
+            if (i + 1 < pieces && !separator.empty()) {
                 std::memcpy(out, separator.data(), separator.size());
                 out += separator.size();
             }

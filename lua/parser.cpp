@@ -18,7 +18,8 @@ constexpr int kMaxSyntaxDepth = 500;
 
 class Parser {
 public:
-    Parser(std::string_view source, Chunk& chunk) : m_lexer(source, chunk.name), m_chunk(chunk) {
+    Parser(std::string_view source, Chunk& chunk, GlobalSlots& globals)
+        : m_lexer(source, chunk.name), m_chunk(chunk), m_globals(globals) {
         m_current = m_lexer.next();
         m_next = m_lexer.next();
     }
@@ -213,7 +214,7 @@ private:
             advance();
             if (!check(TokenKind::Name)) errorAt(m_current, "invalid function target");
             fullName += (colon ? ":" : ".") + m_current.text;
-            target = m_chunk.makeExpr<FieldExpr>(target, Value::string(m_current.text), m_current.line);
+            target = m_chunk.makeExpr<FieldExpr>(target, m_globals.internConstant(m_current.text), m_current.line);
             advance();
             if (colon) {
                 isMethod = true;
@@ -411,7 +412,7 @@ private:
             advance();
             break;
         case TokenKind::String:
-            expr = m_chunk.makeExpr<ConstantExpr>(Value::string(m_current.text), line);
+            expr = m_chunk.makeExpr<ConstantExpr>(m_globals.internConstant(m_current.text), line);
             advance();
             break;
         case TokenKind::Function:
@@ -438,7 +439,7 @@ private:
             std::uint32_t suffixLine = m_current.line;
             if (match(TokenKind::Dot)) {
                 if (!check(TokenKind::Name)) errorAt(m_current, "expected field name after '.'");
-                expr = m_chunk.makeExpr<FieldExpr>(expr, Value::string(m_current.text), suffixLine);
+                expr = m_chunk.makeExpr<FieldExpr>(expr, m_globals.internConstant(m_current.text), suffixLine);
                 advance();
             } else if (match(TokenKind::LeftBracket)) {
                 Expr* key = parseExpression();
@@ -447,7 +448,7 @@ private:
             } else if (match(TokenKind::Colon)) {
                 if (!check(TokenKind::Name)) errorAt(m_current, "expected method name after ':'");
                 auto* call = m_chunk.makeExpr<CallExpr>(expr, suffixLine);
-                call->method = Value::string(m_current.text);
+                call->method = m_globals.internConstant(m_current.text);
                 advance();
                 call->arguments = parseArguments();
                 expr = call;
@@ -486,7 +487,7 @@ private:
                 field.value = parseExpression();
             } else if (check(TokenKind::Name) && m_next.kind == TokenKind::Assign) {
                 field.form = TableField::Form::Named;
-                field.key = m_chunk.makeExpr<ConstantExpr>(Value::string(m_current.text), m_current.line);
+                field.key = m_chunk.makeExpr<ConstantExpr>(m_globals.internConstant(m_current.text), m_current.line);
                 advance();
                 expect(TokenKind::Assign, "expected '=' after table field name");
                 field.value = parseExpression();
@@ -503,6 +504,7 @@ private:
 
     Lexer m_lexer;
     Chunk& m_chunk;
+    GlobalSlots& m_globals;
     Token m_current;
     Token m_next;
     int m_depth = 0;
@@ -514,7 +516,7 @@ std::shared_ptr<Chunk> parseScript(std::string_view source, std::string_view chu
     auto chunk = std::make_shared<Chunk>();
     chunk->name = std::string(chunkName);
     chunk->source = std::string(source);
-    Parser parser(chunk->source, *chunk);
+    Parser parser(chunk->source, *chunk, globals);
     chunk->main = parser.parseChunk();
     resolveChunk(*chunk, globals);
     return chunk;

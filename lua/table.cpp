@@ -2,6 +2,7 @@
 #include "table_internal.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace korvel::lua {
 
@@ -102,6 +103,16 @@ const Value* Table::findString(const StringObject* key) const {
             }
         }
     }
+}
+
+const Value* Table::findStringUpdatingHint(const StringObject* key, std::uint32_t& hint) const {
+    const Value* slot = findString(key);
+    if (slot) {
+        // Entries are the first member of HashEntry, so the value's entry index follows from its address.
+        auto* entry = reinterpret_cast<const HashEntry*>(reinterpret_cast<const char*>(slot) - offsetof(HashEntry, value));
+        hint = static_cast<std::uint32_t>(entry - m_entries.data());
+    }
+    return slot;
 }
 
 const Value* Table::find(const Value& key) const {

@@ -23,6 +23,23 @@ struct Table : Object {
         return m_hashLive == 0 ? nullptr : findInHash(Value::integer(key));
     }
     const Value* findString(const StringObject* key) const;
+    // Field access with a per-site hint: the entry index where this key was found last time.
+    // Tables built alike (same keys, same order) keep the hint valid across all of them.
+    const Value* findStringCached(const StringObject* key, std::uint32_t& hint) const {
+        if (hint < m_entries.size()) {
+            const HashEntry& entry = m_entries[hint];
+            if (entry.key.kind() == Kind::String && entry.key.asObject() == key) return &entry.value;
+        }
+        return findStringUpdatingHint(key, hint);
+    }
+    // Overwrites a present field through the hint; false when the slow path must run.
+    bool assignStringCached(const StringObject* key, std::uint32_t hint, Value& value) {
+        if (hint >= m_entries.size() || value.isNil()) return false;
+        HashEntry& entry = m_entries[hint];
+        if (entry.key.kind() != Kind::String || entry.key.asObject() != key || entry.value.isNil()) return false;
+        entry.value = std::move(value);   // the key set is unchanged, so no cached length or order goes stale
+        return true;
+    }
     Value get(const Value& key) const {
         const Value* slot = find(key);
         return slot ? *slot : Value();
@@ -60,6 +77,7 @@ private:
     };
 
     const Value* findInHash(const Value& key) const;
+    const Value* findStringUpdatingHint(const StringObject* key, std::uint32_t& hint) const;
     Value* findInHashMutable(const Value& key) { return const_cast<Value*>(findInHash(key)); }
     void insertIntoHash(const Value& key, std::uint32_t hash, Value value);
     void rebuildHash(std::size_t minimumCapacity);

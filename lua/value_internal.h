@@ -245,6 +245,15 @@ public:
         else m_rest.push_back(std::move(value));
         ++m_count;
     }
+    // Replaces the contents by one value (a `return x`), keeping any heap part for reuse.
+    void setOne(Value value) {
+        if (m_count > 1) {
+            m_inline[1] = Value();
+            m_rest.clear();
+        }
+        m_inline[0] = std::move(value);
+        m_count = 1;
+    }
     Value& operator[](std::size_t index) { return index < 2 ? m_inline[index] : m_rest[index - 2]; }
     const Value& operator[](std::size_t index) const { return index < 2 ? m_inline[index] : m_rest[index - 2]; }
     Value first() const { return m_count > 0 ? m_inline[0] : Value(); }
