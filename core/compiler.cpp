@@ -622,6 +622,11 @@ private:
             if (line.kind == LineKind::For) out.loopSlot = proto.loopCount++;
             if (isFunctionKind(line.kind) && out.proto) continue;  // compiled with its parameters
             compileLine(proto, line, out);
+            assignScalarFunctions(out.expr);
+            assignScalarFunctions(out.stop);
+            assignScalarFunctions(out.step);
+            for (Target& target : out.targets)
+                for (Node* key : target.keys) assignScalarFunctions(key);
             if (line.kind == LineKind::While || line.kind == LineKind::Repeat || line.kind == LineKind::For)
                 loops.push_back(i);
         }

@@ -77,6 +77,14 @@ struct SlotReservation {
     const Variable& right = operand(n->right, rightScratch);
 
 bool Interpreter::evalCondition(const Node* n) {
+    if (n->scalar) {
+        std::uint64_t bits = n->scalar(*this, n);
+        if (bits != Variable::kNotScalar) {
+            auto type = static_cast<VarType>(bits >> 32);
+            return type == VarType::Bool ? static_cast<std::uint32_t>(bits) != 0 : type != VarType::Nil;
+        }
+        if (++n->scalarMisses > 32) n->scalar = nullptr;
+    }
     switch (n->op) {
     case Op::And: return evalCondition(n->left) && evalCondition(n->right);
     case Op::Or: return evalCondition(n->left) || evalCondition(n->right);
@@ -111,7 +119,12 @@ bool Interpreter::evalCondition(const Node* n) {
     }
 }
 
-Variable Interpreter::eval(const Node* n) {
+void Interpreter::noteScalarMiss(const Node* n) {
+    // A node that keeps meeting non-scalar values stops trying the scalar path.
+    if (++n->scalarMisses > 32) n->scalar = nullptr;
+}
+
+Variable Interpreter::evalSlow(const Node* n) {
     switch (n->op) {
     case Op::Const: return n->constant;
     case Op::Local: {

@@ -287,8 +287,19 @@ void Interpreter::runBody(Activation& activation) {
                     ++pc;
                     break;
                 case StmtKind::AssignLocal: {
-                    Variable value = eval(line.expr);
                     const Target& target = line.targets[0];
+                    if (line.expr->scalar) {
+                        Variable& slot = activation.slots[target.name->localSlot];
+                        if (target.scope == TargetScope::Local || !slot.isUnset()) {
+                            std::uint64_t bits = line.expr->scalar(*this, line.expr);
+                            if (bits != Variable::kNotScalar) {
+                                slot.setScalarBits(bits);
+                                ++pc;
+                                break;
+                            }
+                        }
+                    }
+                    Variable value = eval(line.expr);
                     Variable& slot = activation.slots[target.name->localSlot];
                     if (target.scope == TargetScope::Local || !slot.isUnset()) {
                         slot = std::move(value);

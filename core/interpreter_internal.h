@@ -41,8 +41,19 @@ enum class Op : std::uint8_t {
     Call,
 };
 
+class Interpreter;
+struct Node;
+
+// Evaluates a node whose whole subtree can work on scalars (ints, floats, bools, nothing),
+// packed as Variable::scalarBits gives them; Variable::kNotScalar hands the node back to the
+// general evaluator (a non-scalar value turned up, or an operation must raise its error).
+using ScalarFunction = std::uint64_t (*)(Interpreter&, const Node*);
+
 struct Node {
     Op op = Op::Const;
+    mutable ScalarFunction scalar = nullptr;
+    mutable std::uint8_t scalarMisses = 0;
+    std::uint64_t constantBits = Variable::kNotScalar;  // Const: the constant's scalar bits
     std::int32_t token = -1;  // the token an error report points at
     NameRef* name = nullptr;
     Node* left = nullptr;
@@ -210,7 +221,27 @@ public:
     Variable callScript(FunctionProto& proto, Variable* slots, std::size_t mark);
 
     // Evaluating and executing
-    Variable eval(const Node* node);
+    // The common cases inline; the rest in evalSlow.
+    Variable eval(const Node* n) {
+        if (n->scalar) {
+            std::uint64_t bits = n->scalar(*this, n);
+            if (bits != Variable::kNotScalar) return Variable::fromScalarBits(bits);
+            noteScalarMiss(n);
+        }
+        switch (n->op) {
+        case Op::Const: return n->constant;
+        case Op::Local: {
+            const Variable& slot = current->slots[n->name->localSlot];
+            if (!slot.isUnset()) return slot;
+            break;
+        }
+        case Op::Call: return evalCall(n);
+        default: break;
+        }
+        return evalSlow(n);
+    }
+    Variable evalSlow(const Node* node);
+    void noteScalarMiss(const Node* node);
     bool evalCondition(const Node* node);
     // A leaf's value without a copy where possible; otherwise evaluated into scratch.
     const Variable& operand(const Node* node, Variable& scratch) {
@@ -288,6 +319,9 @@ public:
 
     void checkStack();
 };
+
+// Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
+bool assignScalarFunctions(Node* node);
 
 // Arithmetic helpers shared by the evaluator and the library.
 Variable performOperation(const Variable& left, char op, const Variable& right);

@@ -60,7 +60,7 @@ public:
     Variable(double value) noexcept : m_type(VarType::Float) { m_value.f = static_cast<float>(value); }
     template <typename T>
         requires std::same_as<T, bool>
-    Variable(T value) noexcept : m_type(VarType::Bool) { m_value.b = value; }
+    Variable(T value) noexcept : m_type(VarType::Bool) { m_value.i = value ? 1 : 0; }
     Variable(std::string_view text);
     Variable(const std::string& text) : Variable(std::string_view(text)) {}
     Variable(std::string&& text);
@@ -111,7 +111,7 @@ public:
 
     std::int32_t asInt() const noexcept { return m_value.i; }
     float asFloat() const noexcept { return m_value.f; }
-    bool asBool() const noexcept { return m_value.b; }
+    bool asBool() const noexcept { return m_value.i != 0; }
     void* asPointer() const noexcept { return m_value.p; }
     const std::string& asString() const noexcept;
     StringObject* stringObject() const noexcept { return m_value.s; }
@@ -128,11 +128,33 @@ public:
 
     void setInt(std::int32_t value) noexcept { release(); m_type = VarType::Int; m_value.i = value; }
     void setFloat(float value) noexcept { release(); m_type = VarType::Float; m_value.f = value; }
-    void setBool(bool value) noexcept { release(); m_type = VarType::Bool; m_value.b = value; }
+    void setBool(bool value) noexcept { release(); m_type = VarType::Bool; m_value.i = value ? 1 : 0; }
     void setNil() noexcept { release(); m_type = VarType::Nil; }
     // For the evaluator's scalar fast paths: the caller knows the old value holds no reference.
     void setIntUnchecked(std::int32_t value) noexcept { m_type = VarType::Int; m_value.i = value; }
     void setFloatUnchecked(float value) noexcept { m_type = VarType::Float; m_value.f = value; }
+
+    // Scalars packed in 64 bits for the evaluator's fast path: the kind above bit 32, the 32-bit
+    // payload below (bools as 0 or 1). Non-scalar kinds give kNotScalar.
+    static constexpr std::uint64_t kNotScalar = std::uint64_t(0xFF) << 32;
+    std::uint64_t scalarBits() const noexcept {
+        constexpr std::uint32_t scalarKinds = (1u << 0) | (1u << 1) | (1u << 2) | (1u << 5);
+        auto kind = static_cast<std::uint32_t>(m_type);
+        if (!((scalarKinds >> (kind & 31u)) & 1u) || kind > 31u) return kNotScalar;
+        return (std::uint64_t(kind) << 32) | static_cast<std::uint32_t>(m_value.i);
+    }
+    static Variable fromScalarBits(std::uint64_t bits) noexcept {
+        Variable v;
+        v.m_type = static_cast<VarType>(bits >> 32);
+        v.m_value.i = static_cast<std::int32_t>(static_cast<std::uint32_t>(bits));
+        return v;
+    }
+    // Overwrites a value that holds no reference with a scalar.
+    void setScalarBits(std::uint64_t bits) noexcept {
+        release();
+        m_type = static_cast<VarType>(bits >> 32);
+        m_value.i = static_cast<std::int32_t>(static_cast<std::uint32_t>(bits));
+    }
 
     // The printed form: "not", 42, 1.500000, [1, 2], {a: 1}, "$1F00", "[function]", ...
     std::string toString() const;
