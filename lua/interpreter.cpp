@@ -245,7 +245,8 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     }
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(expr);
-        Value object = eval(field->object, frame);
+        Value objectScratch;
+        const Value& object = operand(*this, field->object, frame, objectScratch);
         if (object.kind() == Kind::Table) {
             const Value* slot = object.asTable()->findStringCached(field->name.asString(), field->cacheHint);
             return slot ? *slot : Value();
@@ -349,19 +350,22 @@ void Impl::assign(const Expr* target, Value value, Frame& frame) {
     case ExprKind::Global: m_globals.at(static_cast<const VariableExpr*>(target)->index) = std::move(value); return;
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(target);
-        Value object = eval(field->object, frame);
+        Value objectScratch;
+        const Value& object = operand(*this, field->object, frame, objectScratch);
         if (object.kind() != Kind::Table) {
             failRuntime(target->line, std::string("attempt to assign into a ") + describeValueType(object.kind()) + " value");
         }
         Table* table = object.asTable();
         if (table->assignStringCached(field->name.asString(), field->cacheHint, value)) return;
         table->set(field->name, std::move(value));
+        table->findStringCached(field->name.asString(), field->cacheHint);   // refresh the hint
         return;
     }
     case ExprKind::Index: {
         auto* indexing = static_cast<const IndexExpr*>(target);
-        Value object = eval(indexing->object, frame);
-        Value rawKey = eval(indexing->key, frame);
+        Value objectScratch, keyScratch;
+        const Value& object = operand(*this, indexing->object, frame, objectScratch);
+        const Value& rawKey = operand(*this, indexing->key, frame, keyScratch);
         if (object.kind() != Kind::Table) {
             failRuntime(target->line, std::string("attempt to assign into a ") + describeValueType(object.kind()) + " value");
         }
