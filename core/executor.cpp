@@ -275,7 +275,11 @@ void Interpreter::runBody(Activation& activation) {
             while (pc < end) {
                 const CompiledLine& line = lines[pc];
                 errorToken = -1;
-                if (stepBudget && ++steps > stepBudget) fail("Step budget exhausted");
+                if (stepBudget | static_cast<std::uint64_t>(g_collectionDue)) [[unlikely]] {
+                    if (stepBudget && ++steps > stepBudget) fail("Step budget exhausted");
+                    // Between statements every value in use is held by a Variable: a safe point.
+                    if (g_collectionDue) collectCycles();
+                }
                 switch (line.kind) {
                 case StmtKind::Empty:
                 case StmtKind::Nest: ++pc; break;

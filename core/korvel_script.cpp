@@ -20,9 +20,14 @@ Interpreter::Interpreter(KorvelScript& script) : owner(script) {
 }
 
 Interpreter::~Interpreter() {
-    // Drop values before the chunks whose keys they may share.
+    // Drop values before the chunks whose keys they may share, then free what only cycles
+    // kept alive.
     returnValue = Variable();
+    stringLibrary = Variable();
     globals.clear();
+    nativeScopes.clear();
+    argumentPool.clear();
+    collectCycles();
 }
 
 void Interpreter::write(std::string_view text) {

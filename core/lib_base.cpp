@@ -146,6 +146,10 @@ void Interpreter::registerBaseLibrary() {
         auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
         return Variable(static_cast<std::int32_t>(ms & 0x7fffffff));
     });
+    lib.global("collectGarbage", [](const Args&) {
+        // Frees containers that only keep each other alive; returns how many went.
+        return Variable(static_cast<std::int32_t>(collectCycles()));
+    });
     setGlobal("KORVEL_NAME", Variable("KorvelScript"));
     setGlobal("KORVEL_RELEASE", Variable("Beta"));
     setGlobal("KORVEL_VERSION", Variable("0.1.0"));

@@ -56,7 +56,8 @@ private:
     std::uint32_t m_version = 0;
 };
 
-struct TableObject : HeapObject {
+struct TableObject : TrackedObject {
+    TableObject() noexcept : TrackedObject(VarType::Table) {}
     Table table;
 };
 

@@ -4,6 +4,7 @@
 #include "core/script_error.h"
 #include "core/table.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -208,7 +209,8 @@ void appendFloat(std::string& out, float value) {
     }
 }
 
-void appendValue(std::string& out, const Variable& value, int depth) {
+// path holds the containers being printed around this one: meeting one again is a cycle.
+void appendValue(std::string& out, const Variable& value, int depth, std::vector<const void*>& path) {
     switch (value.type()) {
     case VarType::Nil: out += "not"; break;
     case VarType::Int: {
@@ -233,25 +235,28 @@ void appendValue(std::string& out, const Variable& value, int depth) {
         break;
     }
     case VarType::Array: {
-        if (depth >= kMaxPrintDepth) {
+        if (depth >= kMaxPrintDepth || std::find(path.begin(), path.end(), value.identity()) != path.end()) {
             out += "[...]";
             break;
         }
+        path.push_back(value.identity());
         out += '[';
         bool first = true;
         for (const Variable& item : value.arrayItems()) {
             if (!first) out += ", ";
             first = false;
-            appendValue(out, item, depth + 1);
+            appendValue(out, item, depth + 1, path);
         }
         out += ']';
+        path.pop_back();
         break;
     }
     case VarType::Table: {
-        if (depth >= kMaxPrintDepth) {
+        if (depth >= kMaxPrintDepth || std::find(path.begin(), path.end(), value.identity()) != path.end()) {
             out += "{...}";
             break;
         }
+        path.push_back(value.identity());
         out += '{';
         bool first = true;
         for (const Table::Entry& entry : value.table().entries()) {
@@ -260,9 +265,10 @@ void appendValue(std::string& out, const Variable& value, int depth) {
             first = false;
             out += entry.key->text;
             out += ": ";
-            appendValue(out, entry.value, depth + 1);
+            appendValue(out, entry.value, depth + 1, path);
         }
         out += '}';
+        path.pop_back();
         break;
     }
     case VarType::MultiValue: out += "[multivalue]"; break;
@@ -273,12 +279,15 @@ void appendValue(std::string& out, const Variable& value, int depth) {
 
 }  // namespace
 
-void Variable::appendTo(std::string& out) const { appendValue(out, *this, 0); }
+void Variable::appendTo(std::string& out) const {
+    std::vector<const void*> path;
+    appendValue(out, *this, 0, path);
+}
 
 std::string Variable::toString() const {
     if (m_type == VarType::String) return m_value.s->text;
     std::string out;
-    appendValue(out, *this, 0);
+    appendTo(out);
     return out;
 }
 

@@ -202,13 +202,34 @@ struct RawObject : HeapObject {
     std::vector<std::uint8_t> bytes;
 };
 
-struct ArrayObject : HeapObject {
+// Containers can form reference cycles; the cycle collector finds them through this list.
+struct TrackedObject : HeapObject {
+    TrackedObject* gcPrevious = nullptr;
+    TrackedObject* gcNext = nullptr;
+    std::uint32_t gcRefs = 0;
+    VarType gcType;
+    explicit TrackedObject(VarType type) noexcept;
+    ~TrackedObject();
+    TrackedObject(const TrackedObject&) = delete;
+    TrackedObject& operator=(const TrackedObject&) = delete;
+};
+
+struct ArrayObject : TrackedObject {
+    ArrayObject() noexcept : TrackedObject(VarType::Array) {}
     std::vector<Variable> items;
 };
 
-struct MultiResult : HeapObject {
+struct MultiResult : TrackedObject {
+    MultiResult() noexcept : TrackedObject(VarType::MultiValue) {}
     std::vector<Variable> values;
 };
+
+// Frees containers that only keep each other alive. Safe whenever every value the running
+// code uses is held by a Variable (the interpreter calls it between statements). Returns
+// how many containers it freed.
+std::size_t collectCycles();
+// Set when enough containers were made since the last collection that one should run soon.
+extern bool g_collectionDue;
 
 std::uint32_t hashBytes(std::string_view bytes) noexcept;
 
