@@ -1,0 +1,87 @@
+// Runs every .ks file under tests/core/scripts/ and checks it against the expectations written
+// in its own comments:
+//   print(x) @@ expect: 42          -- each "expect:" is the next line of standard output
+//   @@ expect error: Division by zero -- the run fails with exactly this message
+// A file without an expected error must run cleanly; its output must match line for line.
+#include "core/korvel_script.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Expectations {
+    std::vector<std::string> output;
+    std::string error;
+    bool expectsError = false;
+};
+
+Expectations readExpectations(const std::string& source) {
+    Expectations e;
+    std::istringstream lines(source);
+    std::string line;
+    const std::string outputMark = "@@ expect: ";
+    const std::string errorMark = "@@ expect error: ";
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (auto at = line.find(errorMark); at != std::string::npos) {
+            e.expectsError = true;
+            e.error = line.substr(at + errorMark.size());
+        } else if (auto at2 = line.find(outputMark); at2 != std::string::npos) {
+            e.output.push_back(line.substr(at2 + outputMark.size()));
+        }
+    }
+    return e;
+}
+
+std::vector<std::string> scriptFiles() {
+    std::vector<std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(KORVEL_SCRIPT_TEST_DIR))
+        if (entry.is_regular_file() && entry.path().extension() == ".ks") files.push_back(entry.path().string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+class ScriptFile : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(ScriptFile, MatchesItsExpectations) {
+    std::ifstream file(GetParam(), std::ios::binary);
+    ASSERT_TRUE(file) << GetParam();
+    std::stringstream buffer;
+    buffer << file.rdbuf();
+    Expectations expected = readExpectations(buffer.str());
+    ASSERT_TRUE(expected.expectsError || !expected.output.empty()) << "no expectations in " << GetParam();
+
+    korvel::KorvelScript script;
+    std::string output;
+    script.setOutput([&](std::string_view text) { output += text; });
+    korvel::RunResult result = script.runScript(buffer.str(), fs::path(GetParam()).filename().string());
+
+    std::vector<std::string> lines;
+    std::istringstream produced(output);
+    for (std::string line; std::getline(produced, line);) lines.push_back(line);
+    EXPECT_EQ(lines, expected.output) << GetParam();
+    if (expected.expectsError) {
+        EXPECT_FALSE(result.ok) << GetParam();
+        EXPECT_EQ(result.errorMessage, expected.error) << GetParam() << "\n" << result.errorReport;
+    } else {
+        EXPECT_TRUE(result.ok) << GetParam() << "\n" << result.errorReport;
+    }
+}
+
+std::string testName(const ::testing::TestParamInfo<std::string>& info) {
+    std::string relative = fs::relative(info.param, KORVEL_SCRIPT_TEST_DIR).replace_extension().string();
+    for (char& c : relative)
+        if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+    return relative;
+}
+
+INSTANTIATE_TEST_SUITE_P(Scripts, ScriptFile, ::testing::ValuesIn(scriptFiles()), testName);
+
+}  // namespace
