@@ -310,6 +310,18 @@ TEST(ExpressionNesting, LongLeftAssociativeChainEvaluates) {
     EXPECT_EQ(r.value.toString(), "200000");
 }
 
+TEST(ExpressionNesting, LongStringConcatenationChainEvaluates) {
+    RunResult r = runText("s = \"\"" + repeated(" + \"a\"", 100000) + "\nreturn #s");
+    ASSERT_TRUE(r.ok) << r.errorMessage;
+    EXPECT_EQ(r.value.toString(), "100000");
+}
+
+TEST(ExpressionNesting, LongChainInsideAFunctionEvaluates) {
+    RunResult r = runText("function f(v)\n  return v" + repeated(" * v", 200000) + "\nend\nreturn f(1)");
+    ASSERT_TRUE(r.ok) << r.errorMessage;
+    EXPECT_EQ(r.value.toString(), "1");
+}
+
 // --- evaluation order and repeated evaluation --------------------------------------------
 
 TEST(ExpressionEvaluation, OperandsAndArgumentsRunLeftToRight) {

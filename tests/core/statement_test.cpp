@@ -394,6 +394,33 @@ TEST(Limits, DeeplyNestedBlocksRun) {
     EXPECT_EQ(r.result.value.toString(), "1");
 }
 
+TEST(Limits, DeeplyNestedFunctionDeclarationsDoNotCrash) {
+    // 100,000 function declarations, each inside the previous one's body.
+    std::string source;
+    for (int i = 0; i < 100000; ++i) source += "function f" + std::to_string(i) + "()\n";
+    source += "r = 1\n";
+    for (int i = 0; i < 100000; ++i) source += "end\n";
+    source += "return typeOf(f0)";
+    Outcome r = run(source);
+    if (r.result.ok)
+        EXPECT_EQ(r.result.value.toString(), "function");
+    else
+        EXPECT_FALSE(r.result.errorMessage.empty());
+}
+
+TEST(Limits, DeeplyNestedLoopsRun) {
+    std::string source;
+    for (int i = 0; i < 100000; ++i) source += "while true\n";
+    source += "r = 1\nbreak\n";
+    for (int i = 0; i < 100000; ++i) source += "end\nbreak\n";
+    source += "return r";
+    Outcome r = run(source);
+    if (r.result.ok)
+        EXPECT_EQ(r.result.value.toString(), "1");
+    else
+        EXPECT_FALSE(r.result.errorMessage.empty());
+}
+
 TEST(Limits, StepBudgetStopsAnEndlessLoop) {
     KorvelScript script;
     script.setOutput([](std::string_view) {});
