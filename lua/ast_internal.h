@@ -25,6 +25,9 @@ enum class ExprKind : std::uint8_t {
 
 struct Expr {
     ExprKind kind;
+    // Reads and arithmetic only (no calls, no constructors): evaluating it has no side effects, so
+    // the evaluator may try a numbers-only path first and fall back to the general one.
+    bool pure = false;
     std::uint32_t line;
     Expr(ExprKind exprKind, std::uint32_t sourceLine) : kind(exprKind), line(sourceLine) {}
 };

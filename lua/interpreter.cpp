@@ -1,6 +1,6 @@
 // The evaluator: walks the resolved tree. Expressions give values, statements give a Flow that
 // says whether a block ended normally, by `break` or by `return` (results in m_returns).
-#include "vm_internal.h"
+#include "scalar_internal.h"
 
 #include <cmath>
 #include <charconv>
@@ -131,6 +131,48 @@ inline const Value& operand(Impl& vm, const Expr* expr, Impl::Frame& frame, Valu
     return scratch;
 }
 
+inline bool isArithmetic(const Expr* expr) {
+    return expr->kind >= ExprKind::Negate && expr->kind <= ExprKind::Modulo && expr->kind != ExprKind::Not &&
+           expr->kind != ExprKind::Length;
+}
+
+// Stores a pure arithmetic result straight into a slot; false when the general path must run.
+inline bool storeScalar(Impl& vm, const Expr* value, Impl::Frame& frame, Value& slot) {
+    if (!value->pure || !isArithmetic(value)) return false;
+    Impl::Scalar result;
+    if (!vm.evalScalar(value, frame, result)) return false;
+    if (result.isInteger) slot.setInteger(result.integer);
+    else slot.setFloat(result.number);
+    return true;
+}
+
+// Both operands pure numbers: compares without building Values. False when not both numbers.
+inline bool scalarCompare(Impl& vm, const BinaryExpr* binary, Impl::Frame& frame, bool& outcome) {
+    if (!binary->left->pure || !binary->right->pure) return false;
+    Impl::Scalar a, b;
+    if (!scalarOperand(vm, binary->left, frame, a) || !scalarOperand(vm, binary->right, frame, b)) return false;
+    if (a.isInteger && b.isInteger) {
+        switch (binary->kind) {
+        case ExprKind::Equal: outcome = a.integer == b.integer; return true;
+        case ExprKind::NotEqual: outcome = a.integer != b.integer; return true;
+        case ExprKind::Less: outcome = a.integer < b.integer; return true;
+        case ExprKind::LessEqual: outcome = a.integer <= b.integer; return true;
+        case ExprKind::Greater: outcome = a.integer > b.integer; return true;
+        default: outcome = a.integer >= b.integer; return true;
+        }
+    }
+    double x = a.toDouble(), y = b.toDouble();
+    bool equal = a.isInteger == b.isInteger ? x == y : (x - y <= kIntegralTolerance && y - x <= kIntegralTolerance);
+    switch (binary->kind) {
+    case ExprKind::Equal: outcome = equal; return true;
+    case ExprKind::NotEqual: outcome = !equal; return true;
+    case ExprKind::Less: outcome = x < y; return true;
+    case ExprKind::LessEqual: outcome = x <= y; return true;
+    case ExprKind::Greater: outcome = x > y; return true;
+    default: outcome = x >= y; return true;
+    }
+}
+
 } // namespace
 
 Value Impl::eval(const Expr* expr, Frame& frame) {
@@ -159,6 +201,10 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     case ExprKind::Add:
     case ExprKind::Subtract:
     case ExprKind::Multiply: {
+        if (expr->pure) {
+            Scalar result;
+            if (evalScalar(expr, frame, result)) return result.isInteger ? Value::integer(result.integer) : Value::number(result.number);
+        }
         auto* binary = static_cast<const BinaryExpr*>(expr);
         Value leftScratch, rightScratch;
         const Value& left = operand(*this, binary->left, frame, leftScratch);
@@ -177,6 +223,10 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     }
     case ExprKind::Divide:
     case ExprKind::Modulo: {
+        if (expr->pure) {
+            Scalar result;
+            if (evalScalar(expr, frame, result)) return result.isInteger ? Value::integer(result.integer) : Value::number(result.number);
+        }
         auto* binary = static_cast<const BinaryExpr*>(expr);
         Value leftScratch, rightScratch;
         const Value& left = operand(*this, binary->left, frame, leftScratch);
@@ -272,6 +322,10 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
 }
 
 bool Impl::evalTruth(const Expr* expr, Frame& frame) {
+    if (expr->kind >= ExprKind::Equal && expr->kind <= ExprKind::GreaterEqual) {
+        bool outcome = false;
+        if (scalarCompare(*this, static_cast<const BinaryExpr*>(expr), frame, outcome)) return outcome;
+    }
     switch (expr->kind) {
     case ExprKind::Equal:
     case ExprKind::NotEqual: {
@@ -416,6 +470,9 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
         auto* local = static_cast<const LocalStmt*>(statement);
         if (local->locals.size() == 1 && local->values.size() == 1 &&
             (local->values[0]->kind != ExprKind::Call)) {
+            if (!local->locals[0]->captured && storeScalar(*this, local->values[0], frame, frame.slots[local->locals[0]->slot])) {
+                return Flow::Normal;
+            }
             storeLocal(frame.slots, local->locals[0], eval(local->values[0], frame));
             return Flow::Normal;
         }
@@ -431,7 +488,12 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     case StmtKind::Assign: {
         auto* assignment = static_cast<const AssignStmt*>(statement);
         if (assignment->targets.size() == 1 && assignment->values.size() == 1) {
-            assign(assignment->targets[0], eval(assignment->values[0], frame), frame);
+            const Expr* target = assignment->targets[0];
+            if (target->kind == ExprKind::Local &&
+                storeScalar(*this, assignment->values[0], frame, frame.slots[static_cast<const VariableExpr*>(target)->index])) {
+                return Flow::Normal;
+            }
+            assign(target, eval(assignment->values[0], frame), frame);
             return Flow::Normal;
         }
         std::size_t base = m_top;

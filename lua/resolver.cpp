@@ -264,10 +264,39 @@ private:
 
 } // namespace
 
+// Marks side-effect-free subtrees. Nodes are created children first, so one pass in creation
+// order sees every child before its parent.
+void markPureExpressions(Chunk& chunk) {
+    for (auto& node : chunk.expressions) {
+        Expr* expr = node.get();
+        switch (expr->kind) {
+        case ExprKind::Constant:
+        case ExprKind::Local:
+        case ExprKind::BoxedLocal:
+        case ExprKind::Upvalue:
+        case ExprKind::Global: expr->pure = true; break;
+        case ExprKind::Field: expr->pure = static_cast<FieldExpr*>(expr)->object->pure; break;
+        case ExprKind::Index:
+            expr->pure = static_cast<IndexExpr*>(expr)->object->pure && static_cast<IndexExpr*>(expr)->key->pure;
+            break;
+        case ExprKind::Negate: expr->pure = static_cast<UnaryExpr*>(expr)->operand->pure; break;
+        case ExprKind::Add:
+        case ExprKind::Subtract:
+        case ExprKind::Multiply:
+        case ExprKind::Divide:
+        case ExprKind::Modulo:
+            expr->pure = static_cast<BinaryExpr*>(expr)->left->pure && static_cast<BinaryExpr*>(expr)->right->pure;
+            break;
+        default: expr->pure = false; break;
+        }
+    }
+}
+
 void resolveChunk(Chunk& chunk, GlobalSlots& globals) {
     Resolver resolver(chunk, globals);
     resolver.resolveMain(chunk.main);
     resolver.finish();
+    markPureExpressions(chunk);
 }
 
 } // namespace korvel::lua

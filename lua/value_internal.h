@@ -143,6 +143,11 @@ public:
         m_kind = Kind::Integer;
         m_payload.integer = value;
     }
+    void setFloat(double value) {
+        if (isObject()) releaseObject(m_payload.object);
+        m_kind = Kind::Float;
+        m_payload.number = value;
+    }
 
     std::string_view stringView() const;
     // Value::toString of the evaluator: "table: 0x...", "function: name", "%g" floats.

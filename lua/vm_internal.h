@@ -78,6 +78,17 @@ struct LuaVM::Impl {
     enum class Flow : std::uint8_t { Normal, Break, Return };
 
     Value eval(const Expr* expr, Frame& frame);
+
+    // A number without the Value wrapper, for the numbers-only path (scalar.cpp).
+    struct Scalar {
+        bool isInteger = true;
+        std::int64_t integer = 0;
+        double number = 0.0;
+        double toDouble() const { return isInteger ? static_cast<double>(integer) : number; }
+    };
+    // Evaluates a pure subtree on scalars. False when a value on the way is not a number or an
+    // operation would fail; the caller then evaluates the general way, which gives the error.
+    bool evalScalar(const Expr* expr, Frame& frame, Scalar& out);
     bool evalTruth(const Expr* expr, Frame& frame);
     // Pushes the values of an expression list onto the value stack (the last one expanded).
     void pushExpressionList(const std::vector<Expr*>& expressions, Frame& frame);
