@@ -33,6 +33,16 @@ INSTANTIATE_TEST_SUITE_P(Arithmetic, Evaluates, ::testing::Values(
     OutputCase{"unary minus", "local a = 5\nprint(-a, -(-a), -0.5)", "-5\t5\t-0.5\n"},
     OutputCase{"concat numbers", "print(1 .. 2, 1.5 .. '', 'x' .. nil, true .. '')", "12\t1.5\txnil\ttrue\n"}));
 
+// Conditions and stores into locals take the numbers-only path; the rules must not change there.
+INSTANTIATE_TEST_SUITE_P(NumbersInConditionsAndLocals, Evaluates, ::testing::Values(
+    OutputCase{"integral store", "local a = 0.25\nlocal b = a * 4\nb = b + 9223372036854775807\nprint(b)", "-9223372036854775808\n"},
+    OutputCase{"mixed equality in if", "local one = 1\nlocal f = 1.0000000000000002\nif one == f then print('eq') end\nif f == 1.0000000000000004 then print('no') end", "eq\n"},
+    OutputCase{"float ordering in while", "local x = 0.5\nlocal n = 0\nwhile x < 3 do x = x + 0.75 n = n + 1 end\nprint(n, x)", "4\t3.5\n"},
+    OutputCase{"field arithmetic", "local p = {x = 1.5, y = 2}\nlocal s = p.x * 2 + p.y\nif s >= 5 then print(s) end", "5\n"},
+    OutputCase{"index arithmetic", "local v = {3, 4}\nlocal i = 1\nlocal d = v[i] * v[i] + v[i + 1] * v[i + 1]\nprint(d, d == 25.0)", "25\ttrue\n"},
+    OutputCase{"strings fall back", "local a, b = 'x', 'y'\nif a < b then print('ordered') end\nif a ~= b then print('differ') end", "ordered\ndiffer\n"},
+    OutputCase{"modulo signs", "local a, b = -7, 3\nlocal r = a % b\nlocal q = 7 % -b\nlocal f = -7.5 % 2\nprint(r, q, f)", "2\t-2\t0.5\n"}));
+
 INSTANTIATE_TEST_SUITE_P(Comparison, Evaluates, ::testing::Values(
     OutputCase{"mixed equality", "print(1 == 1.0, 1 == 1.0000000000000002, 0.1 + 0.2 == 0.3)", "true\ttrue\tfalse\n"},
     OutputCase{"different kinds", "print(\"1\" == 1, nil == false, {} == {})", "false\tfalse\tfalse\n"},
@@ -118,6 +128,10 @@ INSTANTIATE_TEST_SUITE_P(Messages, RuntimeErrors, ::testing::Values(
     ErrorCase{"x = {[{}] = 1}", "test:1: table keys must be numbers, strings, or booleans"},
     ErrorCase{"t = {}\nt[nil] = 1", "test:2: table keys must be numbers, strings, or booleans"},
     ErrorCase{"t = {}\nx = t[0.5]", "test:2: table index must be a number, string, or boolean"},
+    ErrorCase{"local z = 0\nlocal r = 5 / z", "test:2: division by zero"},
+    ErrorCase{"local z = 0\nlocal r = 5 % z", "test:2: modulo by zero"},
+    ErrorCase{"local t = {}\nlocal r = t.missing + 1", "test:2: operator '+' expects numbers"},
+    ErrorCase{"local s = 'a'\nif s < 1 then end", "test:2: ordered comparisons require matching numbers or strings"},
     ErrorCase{"for i = 1, 3, 0 do end", "test:1: numeric for step cannot be zero"},
     ErrorCase{"for i = 1, 'x' do end", "test:1: numeric for loop expects numeric bounds"},
     ErrorCase{"for k in {} do end", "test:1: generic for loop expects an iterator"},
