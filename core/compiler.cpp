@@ -686,10 +686,13 @@ private:
             case LineKind::Function:
             case LineKind::DecayFunction:
             case LineKind::NativeFunction:
-            case LineKind::LocalFunction:
-                // A declaration without a body: it fails when it runs.
-                out.kind = StmtKind::FunctionDecl;
+            case LineKind::LocalFunction: {
+                // A declaration without a body: its own mistakes first, then the missing end.
+                FunctionProto scratch;
+                collectParameters(scratch, out, line, proto);
+                out.targets.clear();
                 break;
+            }
             default: compileStatement(lc, line, out); break;
             }
         } catch (const CompileError& error) {

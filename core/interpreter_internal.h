@@ -295,7 +295,8 @@ public:
     std::unordered_map<std::string, std::int32_t> globalIndex;
     std::vector<Variable> globals;
 
-    std::deque<Activation> activations;
+    // Reserved up to the call depth limit on first use, so it never moves while frames point into it.
+    std::vector<Activation> activations;
     Activation* current = nullptr;
     std::size_t argumentDepth = 0;
     SegmentedStack<Variable> valueStack;

@@ -207,7 +207,12 @@ std::string KorvelScript::resolvePath(std::string_view path) const {
     return normalised;
 }
 
-void KorvelScript::setCallDepthLimit(int depth) { m_impl->vm.callDepthLimit = depth; }
+void KorvelScript::setCallDepthLimit(int depth) {
+    Interpreter& vm = m_impl->vm;
+    if (!vm.activations.empty()) return;  // frames point into the reserved stack: only between runs
+    vm.callDepthLimit = depth > 0 ? depth : 1;
+    std::vector<Activation>().swap(vm.activations);
+}
 
 void KorvelScript::setStepBudget(std::uint64_t steps) {
     m_impl->vm.stepBudget = steps;

@@ -194,7 +194,7 @@ std::vector<Variable>& Variable::multiValues() const noexcept { return m_value.m
 namespace {
 
 // Printing stops descending past this depth, so a container that holds itself prints finitely.
-constexpr int kMaxPrintDepth = 200;
+constexpr int kMaxPrintDepth = 1000;
 
 void appendFloat(std::string& out, float value) {
     char buffer[64];
