@@ -99,8 +99,8 @@ public:
         throw CompileError{message, static_cast<std::int32_t>(token)};
     }
 
-    Node* node(Op op, std::int32_t token) {
-        Node& n = m_chunk.nodes.emplace_back();
+    FastExpression* node(Op op, std::int32_t token) {
+        FastExpression& n = m_chunk.nodes.emplace_back();
         n.op = op;
         n.token = token;
         return &n;
@@ -119,10 +119,10 @@ public:
         return &ref;
     }
 
-    Node* nameNode(std::string_view token, std::int32_t tokenIndex) {
+    FastExpression* nameNode(std::string_view token, std::int32_t tokenIndex) {
         NameRef* ref = nameRef(token);
         Op op = ref->scope != -1 ? Op::ScopedName : (ref->localSlot >= 0 ? Op::Local : Op::Global);
-        Node* n = node(op, tokenIndex);
+        FastExpression* n = node(op, tokenIndex);
         n->name = ref;
         return n;
     }
@@ -134,8 +134,8 @@ public:
         return key;
     }
 
-    Node* keyNode(Node* container, std::string_view key, std::int32_t token) {
-        Node* n = node(Op::IndexKey, token);
+    FastExpression* keyNode(FastExpression* container, std::string_view key, std::int32_t token) {
+        FastExpression* n = node(Op::IndexKey, token);
         n->left = container;
         StringObject* object = constantKey(key);
         n->constant = Variable::fromString(object);
@@ -143,17 +143,17 @@ public:
     }
 
     // expression -> unary { binop expression }   (precedence climbing)
-    Node* expression(int minStrength = 0) {
+    FastExpression* expression(int minStrength = 0) {
         if (++m_depth > kMaxExpressionDepth) fail("Expression nested too deeply");
-        Node* left = unary();
+        FastExpression* left = unary();
         while (!atEnd()) {
             int cls = binaryClass(peek());
             if (cls == 0 || kStrength[cls] < minStrength) break;
             std::int32_t opToken = static_cast<std::int32_t>(pos);
             ++pos;
             int next = cls <= 14 ? kStrength[cls] + 1 : kStrength[cls];
-            Node* right = expression(next);
-            Node* n = node(kClassOp[cls], opToken);
+            FastExpression* right = expression(next);
+            FastExpression* n = node(kClassOp[cls], opToken);
             n->left = left;
             n->right = right;
             left = n;
@@ -163,14 +163,14 @@ public:
     }
 
     // unary -> ('-' | '+' | '!' | '#') expression(7) | postfix
-    Node* unary() {
+    FastExpression* unary() {
         if (atEnd()) fail("Unexpected end of expression");
         const std::string& t = peek();
         if (t.size() == 1 && (t[0] == '-' || t[0] == '+' || t[0] == '!' || t[0] == '#')) {
             std::int32_t opToken = static_cast<std::int32_t>(pos);
             ++pos;
             Op op = t[0] == '-' ? Op::Neg : t[0] == '+' ? Op::Plus : t[0] == '!' ? Op::Not : Op::Len;
-            Node* operand = expression(7);
+            FastExpression* operand = expression(7);
             if (op == Op::Neg && operand->op == Op::Const && operand->constant.type() == VarType::Int &&
                 operand->constant.asInt() != INT32_MIN) {
                 operand->constant = Variable(-operand->constant.asInt());
@@ -180,7 +180,7 @@ public:
                 operand->constant = Variable(-operand->constant.asFloat());
                 return operand;
             }
-            Node* n = node(op, opToken);
+            FastExpression* n = node(op, opToken);
             n->left = operand;
             return n;
         }
@@ -188,29 +188,29 @@ public:
     }
 
     // postfix -> primary { '[' expression ']' | '(' arguments ')' }
-    Node* postfix(Node* value) {
+    FastExpression* postfix(FastExpression* value) {
         while (!atEnd()) {
             const std::string& t = peek();
             if (t == "[") {
                 std::int32_t open = static_cast<std::int32_t>(pos);
                 ++pos;
-                Node* key = expression();
+                FastExpression* key = expression();
                 if (atEnd() || peek() != "]") fail("Expected closing bracket");
                 ++pos;
                 if (key->op == Op::Const && key->constant.type() == VarType::String) {
-                    Node* n = node(Op::IndexKey, open);
+                    FastExpression* n = node(Op::IndexKey, open);
                     n->left = value;
                     StringObject* object = constantKey(key->constant.asString());
                     n->constant = Variable::fromString(object);
                     value = n;
                 } else {
-                    Node* n = node(Op::Index, open);
+                    FastExpression* n = node(Op::Index, open);
                     n->left = value;
                     n->right = key;
                     value = n;
                 }
             } else if (t == "(") {
-                Node* n = node(Op::Call, static_cast<std::int32_t>(pos));
+                FastExpression* n = node(Op::Call, static_cast<std::int32_t>(pos));
                 ++pos;
                 n->left = value;
                 if (!atEnd() && peek() == ")") {
@@ -238,13 +238,13 @@ public:
         return value;
     }
 
-    Node* constant(Variable value, std::int32_t token) {
-        Node* n = node(Op::Const, token);
+    FastExpression* constant(Variable value, std::int32_t token) {
+        FastExpression* n = node(Op::Const, token);
         n->constant = std::move(value);
         return n;
     }
 
-    Node* primary() {
+    FastExpression* primary() {
         if (atEnd()) fail("Unexpected end of expression");
         std::int32_t index = static_cast<std::int32_t>(pos);
         const std::string& t = peek();
@@ -269,7 +269,7 @@ public:
         }
         if (t == "(") {
             ++pos;
-            Node* inner = expression();
+            FastExpression* inner = expression();
             if (atEnd() || peek() != ")") fail("Expected closing parenthesis");
             ++pos;
             return inner;
@@ -283,7 +283,7 @@ public:
         std::vector<std::string_view> parts;
         if (splitDotted(t, parts)) {
             ++pos;
-            Node* value = nameNode(parts[0], index);
+            FastExpression* value = nameNode(parts[0], index);
             for (std::size_t i = 1; i < parts.size(); ++i) value = keyNode(value, parts[i], index);
             return value;
         }
@@ -291,8 +291,8 @@ public:
     }
 
     // array -> '[' [ expression { ',' expression } [','] ] ']'
-    Node* arrayLiteral() {
-        Node* n = node(Op::ArrayLiteral, static_cast<std::int32_t>(pos));
+    FastExpression* arrayLiteral() {
+        FastExpression* n = node(Op::ArrayLiteral, static_cast<std::int32_t>(pos));
         ++pos;
         while (true) {
             if (atEnd()) fail("Expected ',' or ']' in array literal");
@@ -316,8 +316,8 @@ public:
 
     // table -> '{' [ key ':' expression { ',' key ':' expression } [','] ] '}'
     // key   -> NAME | STRING | '[' expression ']'
-    Node* tableLiteral() {
-        Node* n = node(Op::TableLiteral, static_cast<std::int32_t>(pos));
+    FastExpression* tableLiteral() {
+        FastExpression* n = node(Op::TableLiteral, static_cast<std::int32_t>(pos));
         ++pos;
         while (true) {
             if (atEnd()) fail("Unexpected end of table literal");
@@ -328,7 +328,7 @@ public:
             const std::string& k = peek();
             if (k == "[") {
                 ++pos;
-                Node* key = expression();
+                FastExpression* key = expression();
                 if (atEnd() || peek() != "]") fail("Expected ']' after table key");
                 ++pos;
                 n->keys.push_back(nullptr);
@@ -361,15 +361,15 @@ public:
     }
 
     // A whole expression that must use every token up to `end`.
-    Node* fullExpression(std::size_t end, const char* trailingMessage) {
-        Node* e = expression();
+    FastExpression* fullExpression(std::size_t end, const char* trailingMessage) {
+        FastExpression* e = expression();
         if (pos < end) failAt(trailingMessage, pos);
         return e;
     }
 
     // target -> (NAME | DOTTED) { '[' expression ']' }
-    Target target(std::size_t end, TargetScope scope) {
-        Target result;
+    LValue target(std::size_t end, TargetScope scope) {
+        LValue result;
         result.scope = scope;
         if (pos >= end) fail("Expected assignment target");
         const std::string& t = peek();
@@ -535,7 +535,7 @@ private:
             lc.pos = pos;
             if (pos >= t.size()) lc.fail("Expected function target");
             std::vector<std::string_view> parts;
-            Target target;
+            LValue target;
             target.scope = TargetScope::Plain;
             if (line.kind == LineKind::NativeFunction) target.scope = TargetScope::Native;
             if (line.kind == LineKind::LocalFunction) target.scope = TargetScope::Local;
@@ -625,8 +625,8 @@ private:
             assignScalarFunctions(out.expr);
             assignScalarFunctions(out.stop);
             assignScalarFunctions(out.step);
-            for (Target& target : out.targets)
-                for (Node* key : target.keys) assignScalarFunctions(key);
+            for (LValue& target : out.targets)
+                for (FastExpression* key : target.keys) assignScalarFunctions(key);
             if (line.kind == LineKind::While || line.kind == LineKind::Repeat || line.kind == LineKind::For)
                 loops.push_back(i);
         }
@@ -707,7 +707,7 @@ private:
         if (t.size() < 2 || !line.analyses[1].isIdentifier) lc.failAt("Expected loop variable name", t.size() > 1 ? 1 : 0);
         if (t.size() > 2 && t[2] == "=") {
             out.kind = StmtKind::ForNumeric;
-            Target loopVar;
+            LValue loopVar;
             loopVar.name = lc.nameRef(t[1]);
             loopVar.scope = loopVar.name->scope != -1 ? TargetScope::Explicit : TargetScope::Plain;
             out.targets.push_back(loopVar);
@@ -727,7 +727,7 @@ private:
         lc.pos = 1;
         while (true) {
             if (lc.atEnd() || !line.analyses[lc.pos].isIdentifier) lc.fail("Expected loop variable name");
-            Target name;
+            LValue name;
             name.name = lc.nameRef(t[lc.pos]);
             name.scope = name.name->scope != -1 ? TargetScope::Explicit : TargetScope::Plain;
             out.targets.push_back(name);
@@ -794,7 +794,7 @@ private:
             return;
         }
         out.kind = StmtKind::Assign;
-        const Target& first = out.targets.front();
+        const LValue& first = out.targets.front();
         if (out.targets.size() == 1 && first.keys.empty() && first.name->localSlot >= 0 &&
             (first.scope == TargetScope::Plain || first.scope == TargetScope::Local))
             out.kind = StmtKind::AssignLocal;

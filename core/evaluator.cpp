@@ -76,7 +76,7 @@ struct SlotReservation {
     const Variable& left = *leftPointer;               \
     const Variable& right = operand(n->right, rightScratch);
 
-bool Interpreter::evalCondition(const Node* n) {
+bool Interpreter::evalCondition(const FastExpression* n) {
     if (n->scalar) {
         std::uint64_t bits = n->scalar(*this, n);
         if (bits != Variable::kNotScalar) {
@@ -119,26 +119,26 @@ bool Interpreter::evalCondition(const Node* n) {
     }
 }
 
-void Interpreter::noteScalarMiss(const Node* n) {
+void Interpreter::noteScalarMiss(const FastExpression* n) {
     // A node that keeps meeting non-scalar values stops trying the scalar path.
     if (++n->scalarMisses > 32) n->scalar = nullptr;
 }
 
-Variable Interpreter::evalSlow(const Node* n) {
+Variable Interpreter::evalSlow(const FastExpression* n) {
     switch (n->op) {
     case Op::Const: return n->constant;
     case Op::Local: {
         const Variable& slot = current->slots[n->name->localSlot];
         if (!slot.isUnset()) return slot;
-        return readName(*n->name);
+        return resolveVariable(*n->name);
     }
     case Op::Global: {
-        if (current->extras) return readName(*n->name);
+        if (current->extras) return resolveVariable(*n->name);
         const Variable& global = globals[static_cast<std::size_t>(n->name->globalSlot)];
         if (global.isUnset()) return Variable();
         return global;
     }
-    case Op::ScopedName: return readName(*n->name);
+    case Op::ScopedName: return resolveVariable(*n->name);
     case Op::Or: {
         Variable left = eval(n->left);
         if (isTruthy(left)) return left;
@@ -247,7 +247,7 @@ Variable Interpreter::evalSlow(const Node* n) {
         Variable array = Variable::makeArray();
         auto& items = array.arrayItems();
         items.reserve(n->items.size());
-        for (const Node* item : n->items) items.push_back(eval(item));
+        for (const FastExpression* item : n->items) items.push_back(eval(item));
         return array;
     }
     case Op::TableLiteral: {
@@ -292,13 +292,13 @@ Variable Interpreter::evalSlow(const Node* n) {
         errorToken = n->token;
         return getKeyedValue(container, n->constant.stringObject());
     }
-    case Op::Call: return evalCall(n);
+    case Op::Call: return invokeCallableFast(n);
     }
     return Variable();
 }
 
-Variable Interpreter::evalCall(const Node* n) {
-    const Node* calleeNode = n->left;
+Variable Interpreter::invokeCallableFast(const FastExpression* n) {
+    const FastExpression* calleeNode = n->left;
     Variable callee;
     if (calleeNode->op == Op::IndexKey) {
         Variable container = eval(calleeNode->left);
@@ -311,7 +311,7 @@ Variable Interpreter::evalCall(const Node* n) {
                 Variable target = *function;
                 ArgumentScope scope(*this);
                 scope.arguments.push_back(std::move(container));
-                for (const Node* argument : n->items) scope.arguments.push_back(eval(argument));
+                for (const FastExpression* argument : n->items) scope.arguments.push_back(eval(argument));
                 errorToken = n->token;
                 return callNative(target.callable(), scope.arguments);
             }
@@ -333,7 +333,7 @@ Variable Interpreter::evalCall(const Node* n) {
     switch (callable.kind) {
     case ScriptCallable::Kind::Native: {
         ArgumentScope scope(*this);
-        for (const Node* argument : n->items) scope.arguments.push_back(eval(argument));
+        for (const FastExpression* argument : n->items) scope.arguments.push_back(eval(argument));
         errorToken = n->token;
         return callNative(callable, scope.arguments);
     }
@@ -446,7 +446,7 @@ Variable Interpreter::callScript(FunctionProto& proto, Variable* slots, std::siz
     current = &activation;
     // A few calls use far less stack than the reserve the check keeps, so every 8th will do.
     if ((activations.size() & 7) == 1) checkStack();
-    runBody(activation);
+    executeParsedBlock(activation);
     return std::move(returnValue);
 }
 

@@ -68,7 +68,7 @@ double numberOf(const Variable& v) {
 
 }  // namespace
 
-void Interpreter::assignLoopVariable(const Target& target, Variable value) {
+void Interpreter::assignLoopVariable(const LValue& target, Variable value) {
     const NameRef& name = *target.name;
     if (target.scope == TargetScope::Plain && name.localSlot >= 0) {
         Variable& slot = current->slots[name.localSlot];
@@ -77,15 +77,15 @@ void Interpreter::assignLoopVariable(const Target& target, Variable value) {
             return;
         }
     }
-    assignName(name, target.scope, std::move(value));
+    assignVariable(name, target.scope, std::move(value));
 }
 
-void Interpreter::storeTarget(const Target& target, const Variable* keys, std::size_t keyCount, Variable value) {
+void Interpreter::storeTarget(const LValue& target, const Variable* keys, std::size_t keyCount, Variable value) {
     if (keyCount == 0) {
-        assignName(*target.name, target.scope, std::move(value));
+        assignVariable(*target.name, target.scope, std::move(value));
         return;
     }
-    Variable* container = findNamePtr(*target.name);
+    Variable* container = resolveVariablePtr(*target.name);
     if (!container) {
         if (target.scope == TargetScope::Local || target.scope == TargetScope::Native) {
             fail(std::string("Cannot assign by index into a value of type not"));
@@ -106,7 +106,7 @@ void Interpreter::storeTarget(const Target& target, const Variable* keys, std::s
 
 void Interpreter::executeAssignment(const CompiledLine& line) {
     if (line.targets.size() == 1) {
-        const Target& target = line.targets[0];
+        const LValue& target = line.targets[0];
         std::size_t keyCount = target.keys.size();
         if (keyCount <= 4) {
             Variable keys[4];
@@ -119,7 +119,7 @@ void Interpreter::executeAssignment(const CompiledLine& line) {
     }
     std::vector<std::vector<Variable>> keys(line.targets.size());
     for (std::size_t t = 0; t < line.targets.size(); ++t)
-        for (const Node* key : line.targets[t].keys) keys[t].push_back(eval(key));
+        for (const FastExpression* key : line.targets[t].keys) keys[t].push_back(eval(key));
     Variable value = eval(line.expr);
     if (line.targets.size() == 1) {
         storeTarget(line.targets[0], keys[0].data(), keys[0].size(), std::move(value));
@@ -138,7 +138,7 @@ void Interpreter::executeAssignment(const CompiledLine& line) {
 namespace {
 
 // Applies a compound operator to the stored value itself where the kinds allow it.
-void applyInPlace(Variable& target, char op, const Variable& value) {
+void tryApplyOperationInPlace(Variable& target, char op, const Variable& value) {
     if (target.type() == VarType::Int && value.type() == VarType::Int) {
         auto a = static_cast<std::uint32_t>(target.asInt()), b = static_cast<std::uint32_t>(value.asInt());
         switch (op) {
@@ -169,12 +169,12 @@ void applyInPlace(Variable& target, char op, const Variable& value) {
 }  // namespace
 
 void Interpreter::executeCompound(const CompiledLine& line) {
-    const Target& target = line.targets.front();
+    const LValue& target = line.targets.front();
     std::vector<Variable> keys;
     keys.reserve(target.keys.size());
-    for (const Node* key : target.keys) keys.push_back(eval(key));
+    for (const FastExpression* key : target.keys) keys.push_back(eval(key));
     Variable value = eval(line.expr);
-    Variable* slot = findNamePtr(*target.name);
+    Variable* slot = resolveVariablePtr(*target.name);
     if (!slot) fail("Variable not found: " + target.name->name);
     for (std::size_t i = 0; i < keys.size(); ++i) {
         Variable* inner = indexedSlot(*slot, keys[i]);
@@ -186,7 +186,7 @@ void Interpreter::executeCompound(const CompiledLine& line) {
         slot = inner;
     }
     errorToken = line.expr->token;
-    applyInPlace(*slot, line.compoundOp, value);
+    tryApplyOperationInPlace(*slot, line.compoundOp, value);
 }
 
 bool Interpreter::startForIn(const CompiledLine& line, ForState& state) {
@@ -264,7 +264,7 @@ bool Interpreter::advanceForIn(const CompiledLine& line, ForState& state) {
     return true;
 }
 
-void Interpreter::runBody(Activation& activation) {
+void Interpreter::executeParsedBlock(Activation& activation) {
     FunctionProto& proto = *activation.proto;
     Chunk& chunk = *proto.chunk;
     const CompiledLine* lines = chunk.lines.data();
@@ -291,7 +291,7 @@ void Interpreter::runBody(Activation& activation) {
                     ++pc;
                     break;
                 case StmtKind::AssignLocal: {
-                    const Target& target = line.targets[0];
+                    const LValue& target = line.targets[0];
                     if (line.expr->scalar) {
                         Variable& slot = activation.slots[target.name->localSlot];
                         if (target.scope == TargetScope::Local || !slot.isUnset()) {
@@ -308,7 +308,7 @@ void Interpreter::runBody(Activation& activation) {
                     if (target.scope == TargetScope::Local || !slot.isUnset()) {
                         slot = std::move(value);
                     } else {
-                        assignName(*target.name, target.scope, std::move(value));
+                        assignVariable(*target.name, target.scope, std::move(value));
                     }
                     ++pc;
                     break;
@@ -322,7 +322,7 @@ void Interpreter::runBody(Activation& activation) {
                     ++pc;
                     break;
                 case StmtKind::Declare:
-                    for (const Target& target : line.targets) assignName(*target.name, target.scope, Variable());
+                    for (const LValue& target : line.targets) assignVariable(*target.name, target.scope, Variable());
                     ++pc;
                     break;
                 case StmtKind::If: {
@@ -383,7 +383,7 @@ void Interpreter::runBody(Activation& activation) {
                             ++pc;
                             break;
                         }
-                        const Target& target = opener.targets[0];
+                        const LValue& target = opener.targets[0];
                         if (target.scope == TargetScope::Plain && target.name->localSlot >= 0) {
                             Variable& slot = activation.slots[target.name->localSlot];
                             if (state.isInt && slot.type() == VarType::Int) {
@@ -464,12 +464,12 @@ void Interpreter::runBody(Activation& activation) {
                     callable->name = line.proto->name;
                     callable->proto = std::shared_ptr<FunctionProto>(chunk.shared_from_this(), line.proto);
                     Variable function = Variable::makeFunction(callable);
-                    const Target& target = line.targets[0];
+                    const LValue& target = line.targets[0];
                     if (target.keys.empty()) {
-                        assignName(*target.name, target.scope, std::move(function));
+                        assignVariable(*target.name, target.scope, std::move(function));
                     } else {
                         std::vector<Variable> keys;
-                        for (const Node* key : target.keys) keys.push_back(eval(key));
+                        for (const FastExpression* key : target.keys) keys.push_back(eval(key));
                         storeTarget(target, keys.data(), keys.size(), std::move(function));
                     }
                     pc = line.endIndex + 1;

@@ -42,23 +42,23 @@ enum class Op : std::uint8_t {
 };
 
 class Interpreter;
-struct Node;
+struct FastExpression;
 
 // Evaluates a node whose whole subtree can work on scalars (ints, floats, bools, nothing),
 // packed as Variable::scalarBits gives them; Variable::kNotScalar hands the node back to the
 // general evaluator (a non-scalar value turned up, or an operation must raise its error).
-using ScalarFunction = std::uint64_t (*)(Interpreter&, const Node*);
+using ScalarFunction = std::uint64_t (*)(Interpreter&, const FastExpression*);
 
-struct Node {
+struct FastExpression {
     Op op = Op::Const;
     mutable ScalarFunction scalar = nullptr;
     mutable std::uint8_t scalarMisses = 0;
     std::uint64_t constantBits = Variable::kNotScalar;  // Const: the constant's scalar bits
     std::int32_t token = -1;  // the token an error report points at
     NameRef* name = nullptr;
-    Node* left = nullptr;
-    Node* right = nullptr;
-    std::vector<Node*> items;         // call arguments, array items, table values
+    FastExpression* left = nullptr;
+    FastExpression* right = nullptr;
+    std::vector<FastExpression*> items;         // call arguments, array items, table values
     std::vector<StringObject*> keys;  // table literal: constant key, or null where items has [expr] pairs
     Variable constant;                // Const value; IndexKey key
 };
@@ -81,10 +81,10 @@ enum class StmtKind : std::uint8_t {
 
 enum class TargetScope : std::uint8_t { Plain, Native, Local, External, Explicit, Decay };
 
-struct Target {
+struct LValue {
     NameRef* name = nullptr;
     TargetScope scope = TargetScope::Plain;
-    std::vector<Node*> keys;  // index suffixes, outermost first; empty for a plain name
+    std::vector<FastExpression*> keys;  // index suffixes, outermost first; empty for a plain name
 };
 
 enum class IterKind : std::uint8_t { Pairs, IPairs, Array };
@@ -100,10 +100,10 @@ struct CompiledLine {
     std::int32_t errorToken = -1;
     char compoundOp = 0;          // + - * / \ % ^
     IterKind iterKind = IterKind::Array;
-    Node* expr = nullptr;         // condition, value, start
-    Node* stop = nullptr;
-    Node* step = nullptr;
-    std::vector<Target> targets;
+    FastExpression* expr = nullptr;         // condition, value, start
+    FastExpression* stop = nullptr;
+    FastExpression* step = nullptr;
+    std::vector<LValue> targets;
     FunctionProto* proto = nullptr;  // function declarations
     std::string message;             // Error lines
 };
@@ -126,7 +126,7 @@ struct FunctionProto {
 struct Chunk : std::enable_shared_from_this<Chunk> {
     ParsedScript parsed;
     std::vector<CompiledLine> lines;
-    std::deque<Node> nodes;
+    std::deque<FastExpression> nodes;
     std::deque<NameRef> names;
     std::vector<std::unique_ptr<FunctionProto>> protos;  // protos[0] is the top level
     std::vector<StringObject*> ownedKeys;
@@ -211,18 +211,18 @@ public:
     // Calls
     Variable call(const Variable& callee, const std::vector<Variable>& arguments);
     Variable callNative(ScriptCallable& callable, const std::vector<Variable>& arguments);
-    Variable evalCall(const Node* node);
+    Variable invokeCallableFast(const FastExpression* node);
     void executeAssignment(const CompiledLine& line);
     void executeCompound(const CompiledLine& line);
-    void storeTarget(const Target& target, const Variable* keys, std::size_t keyCount, Variable value);
+    void storeTarget(const LValue& target, const Variable* keys, std::size_t keyCount, Variable value);
     bool startForIn(const CompiledLine& line, ForState& state);
     bool advanceForIn(const CompiledLine& line, ForState& state);
-    void assignLoopVariable(const Target& target, Variable value);
+    void assignLoopVariable(const LValue& target, Variable value);
     Variable callScript(FunctionProto& proto, Variable* slots, std::size_t mark);
 
     // Evaluating and executing
     // The common cases inline; the rest in evalSlow.
-    Variable eval(const Node* n) {
+    Variable eval(const FastExpression* n) {
         if (n->scalar) {
             std::uint64_t bits = n->scalar(*this, n);
             if (bits != Variable::kNotScalar) return Variable::fromScalarBits(bits);
@@ -235,16 +235,16 @@ public:
             if (!slot.isUnset()) return slot;
             break;
         }
-        case Op::Call: return evalCall(n);
+        case Op::Call: return invokeCallableFast(n);
         default: break;
         }
         return evalSlow(n);
     }
-    Variable evalSlow(const Node* node);
-    void noteScalarMiss(const Node* node);
-    bool evalCondition(const Node* node);
+    Variable evalSlow(const FastExpression* node);
+    void noteScalarMiss(const FastExpression* node);
+    bool evalCondition(const FastExpression* node);
     // A leaf's value without a copy where possible; otherwise evaluated into scratch.
-    const Variable& operand(const Node* node, Variable& scratch) {
+    const Variable& operand(const FastExpression* node, Variable& scratch) {
         if (node->op == Op::Const) return node->constant;
         if (node->op == Op::Local) {
             const Variable& slot = current->slots[node->name->localSlot];
@@ -253,14 +253,14 @@ public:
         scratch = eval(node);
         return scratch;
     }
-    void runBody(Activation& activation);
+    void executeParsedBlock(Activation& activation);
     void raiseError(const std::string& message);  // fails the current statement
 
     // Scopes
     std::int32_t globalSlot(std::string_view name);
-    Variable readName(const NameRef& name);
-    Variable* findNamePtr(const NameRef& name);
-    void assignName(const NameRef& name, TargetScope scope, Variable value);
+    Variable resolveVariable(const NameRef& name);
+    Variable* resolveVariablePtr(const NameRef& name);
+    void assignVariable(const NameRef& name, TargetScope scope, Variable value);
     Variable* findLocalByName(const std::string& name, bool acrossBases);
     void setGlobal(std::string_view name, Variable value);
     Variable getGlobal(std::string_view name);
@@ -322,7 +322,7 @@ public:
 };
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
-bool assignScalarFunctions(Node* node);
+bool assignScalarFunctions(FastExpression* node);
 
 // Arithmetic helpers shared by the evaluator and the library.
 Variable performOperation(const Variable& left, char op, const Variable& right);

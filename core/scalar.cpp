@@ -56,14 +56,14 @@ inline Bits readGlobal(Interpreter& vm, const NameRef& name) {
     return global.scalarBits();
 }
 
-inline Bits readLocal(Interpreter& vm, const Node* n) {
+inline Bits readLocal(Interpreter& vm, const FastExpression* n) {
     const Variable& slot = vm.current->slots[n->name->localSlot];
     if (!slot.isUnset()) return slot.scalarBits();
     return readGlobal(vm, *n->name);
 }
 
 // Leaves inline, anything else through its scalar function.
-inline Bits fetch(Interpreter& vm, const Node* n) {
+inline Bits fetch(Interpreter& vm, const FastExpression* n) {
     switch (n->op) {
     case Op::Const: return n->constantBits;
     case Op::Local: return readLocal(vm, n);
@@ -148,7 +148,7 @@ inline Bits combine(Bits a, Bits b) {
 }
 
 template <Op OP>
-Bits binaryAny(Interpreter& vm, const Node* n) {
+Bits binaryAny(Interpreter& vm, const FastExpression* n) {
     Bits a = fetch(vm, n->left);
     if (a == kNo) return kNo;
     Bits b = fetch(vm, n->right);
@@ -158,7 +158,7 @@ Bits binaryAny(Interpreter& vm, const Node* n) {
 
 // left is a local, right a constant.
 template <Op OP>
-Bits binaryLocalConst(Interpreter& vm, const Node* n) {
+Bits binaryLocalConst(Interpreter& vm, const FastExpression* n) {
     Bits a = readLocal(vm, n->left);
     if (a == kNo) return kNo;
     return combine<OP>(a, n->right->constantBits);
@@ -166,7 +166,7 @@ Bits binaryLocalConst(Interpreter& vm, const Node* n) {
 
 // both operands are locals.
 template <Op OP>
-Bits binaryLocalLocal(Interpreter& vm, const Node* n) {
+Bits binaryLocalLocal(Interpreter& vm, const FastExpression* n) {
     Bits a = readLocal(vm, n->left);
     if (a == kNo) return kNo;
     Bits b = readLocal(vm, n->right);
@@ -175,13 +175,13 @@ Bits binaryLocalLocal(Interpreter& vm, const Node* n) {
 }
 
 template <Op OP>
-ScalarFunction binaryFunction(const Node* n) {
+ScalarFunction binaryFunction(const FastExpression* n) {
     if (n->left->op == Op::Local && n->right->op == Op::Const) return binaryLocalConst<OP>;
     if (n->left->op == Op::Local && n->right->op == Op::Local) return binaryLocalLocal<OP>;
     return binaryAny<OP>;
 }
 
-Bits scalarNeg(Interpreter& vm, const Node* n) {
+Bits scalarNeg(Interpreter& vm, const FastExpression* n) {
     Bits a = fetch(vm, n->left);
     switch (kind(a)) {
     case kInt:
@@ -191,28 +191,28 @@ Bits scalarNeg(Interpreter& vm, const Node* n) {
     }
 }
 
-Bits scalarNot(Interpreter& vm, const Node* n) {
+Bits scalarNot(Interpreter& vm, const FastExpression* n) {
     Bits a = fetch(vm, n->left);
     if (a == kNo) return kNo;
     return makeBool(!truthy(a));
 }
 
-Bits scalarPlus(Interpreter& vm, const Node* n) { return fetch(vm, n->left); }
+Bits scalarPlus(Interpreter& vm, const FastExpression* n) { return fetch(vm, n->left); }
 
-Bits scalarAnd(Interpreter& vm, const Node* n) {
+Bits scalarAnd(Interpreter& vm, const FastExpression* n) {
     Bits a = fetch(vm, n->left);
     if (a == kNo || !truthy(a)) return a;
     return fetch(vm, n->right);
 }
 
-Bits scalarOr(Interpreter& vm, const Node* n) {
+Bits scalarOr(Interpreter& vm, const FastExpression* n) {
     Bits a = fetch(vm, n->left);
     if (a == kNo || truthy(a)) return a;
     return fetch(vm, n->right);
 }
 
 // The container of an index read: a local or global read in place.
-inline const Variable* leafValue(Interpreter& vm, const Node* n) {
+inline const Variable* leafValue(Interpreter& vm, const FastExpression* n) {
     if (n->op == Op::Local) {
         const Variable& slot = vm.current->slots[n->name->localSlot];
         if (!slot.isUnset()) return &slot;
@@ -222,7 +222,7 @@ inline const Variable* leafValue(Interpreter& vm, const Node* n) {
     return global.isUnset() ? nullptr : &global;
 }
 
-Bits scalarIndex(Interpreter& vm, const Node* n) {
+Bits scalarIndex(Interpreter& vm, const FastExpression* n) {
     Bits key = fetch(vm, n->right);
     if (kind(key) != kInt) return kNo;
     const Variable* container = leafValue(vm, n->left);
@@ -233,7 +233,7 @@ Bits scalarIndex(Interpreter& vm, const Node* n) {
     return items[static_cast<std::size_t>(index - 1)].scalarBits();
 }
 
-Bits scalarIndexKey(Interpreter& vm, const Node* n) {
+Bits scalarIndexKey(Interpreter& vm, const FastExpression* n) {
     const Variable* container = leafValue(vm, n->left);
     if (!container || container->type() != VarType::Table) return kNo;
     Variable* found = container->table().find(n->constant.stringObject());
@@ -241,16 +241,16 @@ Bits scalarIndexKey(Interpreter& vm, const Node* n) {
     return found->scalarBits();
 }
 
-bool isLeaf(const Node* n) { return n->op == Op::Local || n->op == Op::Global; }
+bool isLeaf(const FastExpression* n) { return n->op == Op::Local || n->op == Op::Global; }
 
 }  // namespace
 
-bool assignScalarFunctions(Node* n) {
+bool assignScalarFunctions(FastExpression* n) {
     if (!n) return false;
     // Children first, so every node in a tree is considered.
     bool left = assignScalarFunctions(n->left);
     bool right = assignScalarFunctions(n->right);
-    for (Node* item : n->items) assignScalarFunctions(item);
+    for (FastExpression* item : n->items) assignScalarFunctions(item);
     switch (n->op) {
     case Op::Const:
         n->constantBits = n->constant.scalarBits();

@@ -76,7 +76,7 @@ Variable* Interpreter::findLocalByName(const std::string& name, bool acrossBases
     return nullptr;
 }
 
-Variable* Interpreter::findNamePtr(const NameRef& name) {
+Variable* Interpreter::resolveVariablePtr(const NameRef& name) {
     switch (name.scope) {
     case -1: {
         if (current) {
@@ -109,16 +109,16 @@ Variable* Interpreter::findNamePtr(const NameRef& name) {
     }
 }
 
-Variable Interpreter::readName(const NameRef& name) {
-    Variable* found = findNamePtr(name);
+Variable Interpreter::resolveVariable(const NameRef& name) {
+    Variable* found = resolveVariablePtr(name);
     return found ? *found : Variable();
 }
 
-void Interpreter::assignName(const NameRef& name, TargetScope scope, Variable value) {
+void Interpreter::assignVariable(const NameRef& name, TargetScope scope, Variable value) {
     int code = name.scope;
     switch (scope) {
     case TargetScope::Plain:
-        if (Variable* existing = findNamePtr(name)) {
+        if (Variable* existing = resolveVariablePtr(name)) {
             *existing = std::move(value);
             return;
         }
