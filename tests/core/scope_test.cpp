@@ -195,6 +195,20 @@ TEST_F(HostApi, MissingArgumentsAreNilAndExtraOnesIgnored) {
               "int,string");
 }
 
+TEST_F(HostApi, LoadedChunkCalledFromTheHostRejectsArguments) {
+    ASSERT_TRUE(run("chunk = load(\"ran = 1\")").ok);
+    Variable chunk = script.pullVariable("chunk");
+    EXPECT_EQ(messageOf([&] { script.callCallable(chunk, {Variable(std::int32_t{1})}); }),
+              "Loaded script chunks do not accept call arguments");
+    script.callCallable(chunk, {});
+    EXPECT_EQ(script.pullVariable("ran").toString(), "1");
+}
+
+TEST_F(HostApi, GlobalAssignedNilExists) {
+    ASSERT_TRUE(run("empty = nothingHere").ok);
+    EXPECT_TRUE(script.pullVariable("empty").isNil());
+}
+
 class NotCallable : public ::testing::TestWithParam<Variable> {};
 TEST_P(NotCallable, CallCallableRejectsIt) {
     KorvelScript script;

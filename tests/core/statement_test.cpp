@@ -357,6 +357,17 @@ TEST(Limits, ArrayGrowthByAppendIsNotQuadratic) {
     EXPECT_LT(seconds, 3.0);
 }
 
+TEST(Limits, AppendingToATableByLengthIsNotQuadratic) {
+    // "t[#t + 1] = v" on a table: the length of a table must not be recounted from key 1
+    // on every append.
+    auto start = std::chrono::steady_clock::now();
+    Outcome r = run("t = {}\nfor i = 1, 20000\n  t[#t + 1] = i\nend\nreturn #t");
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_TRUE(r.result.ok) << r.result.errorReport;
+    EXPECT_EQ(r.result.value.toString(), "20000");
+    EXPECT_LT(seconds, 2.0);
+}
+
 TEST(Limits, PrintingASelfContainingTableEnds) {
     // The table is reachable from itself twice at every level, so printing by depth alone
     // would take time exponential in the depth.
