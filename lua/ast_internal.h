@@ -113,6 +113,7 @@ struct FunctionExpr : Expr {
     std::vector<Stmt*> body;
     std::vector<UpvalueSource> upvalues;
     std::uint32_t frameSize = 0;
+    bool boxesParameters = false;  // some parameter is captured by an inner function
     const std::string* chunkName = nullptr;
     FunctionExpr(std::string functionName, std::uint32_t sourceLine)
         : Expr(ExprKind::Function, sourceLine), name(std::move(functionName)) {}

@@ -1,6 +1,6 @@
 // Calls, closures and indexing. Arguments are evaluated straight onto the VM's value stack, where
 // they become the callee's first slots, so a call allocates nothing on the heap.
-#include "vm_internal.h"
+#include "scalar_internal.h"
 
 #include "collector_internal.h"
 
@@ -70,6 +70,30 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         pushValue(std::move(object));
     } else {
         callee = eval(call->callee, frame);
+        // math.sqrt and friends on one number: no stack traffic, no result list.
+        if (call->arguments.size() == 1 && callee.kind() == Kind::Function && callee.asFunction()->numericFunction) {
+            Scalar argument;
+            Value scratch;
+            const Expr* argumentExpr = call->arguments[0];
+            bool isNumber = false;
+            if (argumentExpr->pure && scalarOperand(*this, argumentExpr, frame, argument)) {
+                isNumber = true;
+            } else if (argumentExpr->kind != ExprKind::Call) {
+                scratch = eval(argumentExpr, frame);
+                isNumber = loadScalar(scratch, argument);
+            } else {
+                pushValue(eval(argumentExpr, frame));
+                invoke(callee, base, m_top - base, call->line);
+                return m_returns.empty() ? Value() : std::move(m_returns[0]);
+            }
+            if (isNumber) {
+                countStep();
+                return numericResult(callee.asFunction()->numericFunction(argument.toDouble()));
+            }
+            pushValue(std::move(scratch));
+            invoke(callee, base, m_top - base, call->line);
+            return m_returns.empty() ? Value() : std::move(m_returns[0]);
+        }
     }
     const std::vector<Expr*>& arguments = call->arguments;
     std::size_t count = arguments.size();
@@ -123,11 +147,13 @@ void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t ar
     std::size_t parameterCount = proto->parameters.size();
     for (std::size_t i = parameterCount; i < argumentCount; ++i) m_stack[base + i] = Value();
     m_top = base + frameSize;
-    for (const LocalInfo* parameter : proto->parameters) {
-        if (parameter->captured) {
-            auto* box = new BoxObject();
-            box->value = std::move(m_stack[base + parameter->slot]);
-            m_stack[base + parameter->slot] = Value::object(box);
+    if (proto->boxesParameters) {
+        for (const LocalInfo* parameter : proto->parameters) {
+            if (parameter->captured) {
+                auto* box = new BoxObject();
+                box->value = std::move(m_stack[base + parameter->slot]);
+                m_stack[base + parameter->slot] = Value::object(box);
+            }
         }
     }
     const FunctionExpr* savedFunction = m_currentFunction;

@@ -468,8 +468,7 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     }
     case StmtKind::Local: {
         auto* local = static_cast<const LocalStmt*>(statement);
-        if (local->locals.size() == 1 && local->values.size() == 1 &&
-            (local->values[0]->kind != ExprKind::Call)) {
+        if (local->locals.size() == 1 && local->values.size() == 1) {
             if (!local->locals[0]->captured && storeScalar(*this, local->values[0], frame, frame.slots[local->locals[0]->slot])) {
                 return Flow::Normal;
             }

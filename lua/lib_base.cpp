@@ -85,7 +85,7 @@ void Impl::bindNativeGlobal(const std::string& name, NativeFunction native) {
 }
 
 void Impl::bindTableFunction(Table* table, const std::string& tableName, const std::string& field, NativeFunction native) {
-    table->set(Value::string(field), makeNative(tableName + "." + field, std::move(native)));
+    table->set(m_globals.internConstant(field), makeNative(tableName + "." + field, std::move(native)));
 }
 
 Table* Impl::makeLibraryTable(const std::string& name) {

@@ -134,8 +134,8 @@ Value makeStream(Impl& vm, std::FILE* stream) {
 void bindIoOsLibrary(Impl& vm) {
     Table* io = vm.makeLibraryTable("io");
     Value stdoutStream = makeStream(vm, stdout);
-    io->set(Value::string("stdout"), stdoutStream);
-    io->set(Value::string("stderr"), makeStream(vm, stderr));
+    io->set(vm.m_globals.internConstant("stdout"), stdoutStream);
+    io->set(vm.m_globals.internConstant("stderr"), makeStream(vm, stderr));
 
     // The file methods are made once and shared by every file object.
     Value read = vm.makeNative("file:read", [](Impl& self, ValueSpan arguments, std::uint32_t) {

@@ -30,10 +30,10 @@ NativeFunction unary(const char* name, double (*operation)(double)) {
 void bindMathLibrary(Impl& vm) {
     Table* library = vm.makeLibraryTable("math");
     auto bind = [&](const char* name, NativeFunction native) { vm.bindTableFunction(library, "math", name, std::move(native)); };
-    library->set(Value::string("pi"), Value::number(kPi));
-    library->set(Value::string("huge"), Value::number(HUGE_VAL));
-    library->set(Value::string("maxinteger"), Value::integer(INT64_MAX));
-    library->set(Value::string("mininteger"), Value::integer(INT64_MIN));
+    library->set(vm.m_globals.internConstant("pi"), Value::number(kPi));
+    library->set(vm.m_globals.internConstant("huge"), Value::number(HUGE_VAL));
+    library->set(vm.m_globals.internConstant("maxinteger"), Value::integer(INT64_MAX));
+    library->set(vm.m_globals.internConstant("mininteger"), Value::integer(INT64_MIN));
 
     auto extreme = [](const char* name, bool wantMax) {
         return [=](Impl& self, ValueSpan arguments, std::uint32_t) {
@@ -78,6 +78,13 @@ void bindMathLibrary(Impl& vm) {
     bind("exp", unary("math.exp", [](double x) { return std::exp(x); }));
     bind("rad", unary("math.rad", [](double x) { return x * (kPi / 180.0); }));
     bind("deg", unary("math.deg", [](double x) { return x * (180.0 / kPi); }));
+    auto markNumeric = [&](const char* field, double (*function)(double)) {
+        library->get(Value::string(field)).asFunction()->numericFunction = function;
+    };
+    markNumeric("sqrt", [](double x) { return std::sqrt(x); });
+    markNumeric("sin", [](double x) { return std::sin(x); });
+    markNumeric("cos", [](double x) { return std::cos(x); });
+    markNumeric("exp", [](double x) { return std::exp(x); });
     bind("pow", [](Impl& self, ValueSpan arguments, std::uint32_t) {
         requireArgumentCount(self, "math.pow", arguments.size(), 2, 2);
         return MultiValue(numericResult(std::pow(requireNumber(self, "math.pow", arguments, 0), requireNumber(self, "math.pow", arguments, 1))));

@@ -106,6 +106,7 @@ private:
         state.function = function;
         state.parent = m_current;
         function->chunkName = &m_chunk.name;
+        m_functions.push_back(function);
         m_current = &state;
         openScope();
         for (LocalInfo* parameter : function->parameters) declare(parameter);
@@ -253,6 +254,9 @@ public:
         for (const Reference& reference : m_references) {
             if (reference.local->captured) reference.expr->kind = ExprKind::BoxedLocal;
         }
+        for (FunctionExpr* function : m_functions) {
+            for (const LocalInfo* parameter : function->parameters) function->boxesParameters |= parameter->captured;
+        }
     }
 
 private:
@@ -260,6 +264,7 @@ private:
     GlobalSlots& m_globals;
     FunctionState* m_current = nullptr;
     std::vector<Reference> m_references;
+    std::vector<FunctionExpr*> m_functions;
 };
 
 } // namespace

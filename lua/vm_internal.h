@@ -25,6 +25,9 @@ struct FunctionObject : Object {
     std::shared_ptr<const Chunk> chunk;        // keeps the syntax tree alive
     std::vector<Value> upvalues;               // boxes
     NativeFunction native;
+    // Set for natives that map one number to one number (math.sqrt, ...): calls with one numeric
+    // argument skip the general native path. The result still passes the integral-result rule.
+    double (*numericFunction)(double) = nullptr;
     const LuaVM::Impl* owner = nullptr;        // the VM whose global slots the body uses
 
     FunctionObject() : Object(Kind::Function) {}
