@@ -128,11 +128,11 @@ public:
     }
 
     StringObject* constantKey(std::string_view text) {
-        StringObject* key = newStringObject(text);
-        key->hashValue();
+        StringObject* key = m_vm.internString(text);
         m_chunk.ownedKeys.push_back(key);
         return key;
     }
+    Variable constantString(std::string_view text) { return Variable::fromString(constantKey(text)); }
 
     FastExpression* keyNode(FastExpression* container, std::string_view key, std::int32_t token) {
         FastExpression* n = node(Op::IndexKey, token);
@@ -251,7 +251,7 @@ public:
         const TokenAnalysis& a = m_line.analyses[pos];
         if (isStringToken(t)) {
             ++pos;
-            return constant(Variable(decodeStringToken(t)), index);
+            return constant(constantString(decodeStringToken(t)), index);
         }
         if (a.isTrueWord || a.isFalseWord) {
             ++pos;
@@ -380,7 +380,7 @@ public:
         } else if (splitDotted(t, parts)) {
             result.name = nameRef(parts[0]);
             for (std::size_t i = 1; i < parts.size(); ++i) {
-                result.keys.push_back(constant(Variable(std::string(parts[i])), tokenIndex));
+                result.keys.push_back(constant(constantString(parts[i]), tokenIndex));
             }
         } else {
             fail("Invalid assignment target: " + t);
@@ -547,7 +547,7 @@ private:
             } else if (splitDotted(t[lc.pos], parts)) {
                 target.name = lc.nameRef(parts[0]);
                 for (std::size_t i = 1; i < parts.size(); ++i)
-                    target.keys.push_back(lc.constant(Variable(std::string(parts[i])), targetToken));
+                    target.keys.push_back(lc.constant(lc.constantString(parts[i]), targetToken));
                 proto.name = t[lc.pos];
             } else {
                 lc.fail("Expected function target");
@@ -815,6 +815,19 @@ private:
 };
 
 }  // namespace
+
+StringObject* Interpreter::internString(std::string_view text) {
+    auto found = internedStrings.find(text);
+    if (found != internedStrings.end()) {
+        ++found->second->refCount;
+        return found->second;
+    }
+    StringObject* object = newStringObject(text);
+    object->hashValue();
+    internedStrings.emplace(std::string_view(object->text), object);
+    ++object->refCount;  // one for the table, one for the caller
+    return object;
+}
 
 Chunk::~Chunk() {
     for (StringObject* key : ownedKeys) releaseString(key);

@@ -105,6 +105,32 @@ void Interpreter::storeTarget(const LValue& target, const Variable* keys, std::s
 }
 
 void Interpreter::executeAssignment(const CompiledLine& line) {
+    if (line.targets.size() == 1 && line.targets[0].keys.size() == 1) {
+        // t[k] = v and t.name = v: store straight into an existing table entry or array place.
+        const LValue& target = line.targets[0];
+        const FastExpression* keyNode = target.keys[0];
+        Variable keyScratch;
+        const Variable& key = keyNode->op == Op::Const ? keyNode->constant : (keyScratch = eval(keyNode));
+        Variable value = eval(line.expr);
+        errorToken = line.expr->token;
+        Variable* container = resolveVariablePtr(*target.name);
+        if (container) {
+            if (container->type() == VarType::Table && key.type() == VarType::String) {
+                container->table().getOrInsert(key.stringObject()) = std::move(value);
+                return;
+            }
+            if (container->type() == VarType::Array && key.type() == VarType::Int) {
+                auto& items = container->arrayItems();
+                std::int32_t index = key.asInt();
+                if (index >= 1 && static_cast<std::size_t>(index) <= items.size()) {
+                    items[static_cast<std::size_t>(index - 1)] = std::move(value);
+                    return;
+                }
+            }
+        }
+        storeTarget(target, &key, 1, std::move(value));
+        return;
+    }
     if (line.targets.size() == 1) {
         const LValue& target = line.targets[0];
         std::size_t keyCount = target.keys.size();

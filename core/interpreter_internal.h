@@ -316,6 +316,10 @@ public:
     std::vector<std::string> scriptDirectories;  // innermost running script last
 
     Variable stringLibrary;  // the string group that string methods come from
+    // Constant strings of compiled code, one object per text, so that table look-ups with
+    // constant keys usually match by pointer. Returns a new reference.
+    StringObject* internString(std::string_view text);
+    std::unordered_map<std::string_view, StringObject*> internedStrings;
     std::vector<std::shared_ptr<Chunk>> liveChunks;  // chunks whose functions may still be called
 
     void checkStack();

@@ -28,6 +28,7 @@ Interpreter::~Interpreter() {
     nativeScopes.clear();
     argumentPool.clear();
     collectCycles();
+    for (auto& entry : internedStrings) releaseString(entry.second);
 }
 
 void Interpreter::write(std::string_view text) {
