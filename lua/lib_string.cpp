@@ -10,6 +10,9 @@ using Impl = LuaVM::Impl;
 
 namespace {
 
+// string.byte returns its codes as separate values; past this many it refuses.
+constexpr std::int64_t kMaxByteResults = 1 << 20;
+
 std::size_t stringLength(ValueSpan arguments) { return arguments[0].asString()->length; }
 
 // A 1-based start position; negative counts from the end, and anything before the start is 1.
@@ -441,6 +444,7 @@ void bindStringLibrary(Impl& vm) {
         std::int64_t first = startPosition(optionalInteger(self, "string.byte", arguments, 1, 1), text.size());
         std::int64_t last = endPosition(optionalInteger(self, "string.byte", arguments, 2, first), text.size());
         MultiValue results;
+        if (last - first >= kMaxByteResults) self.failRuntime(self.m_currentLine, "string slice too long");
         for (std::int64_t i = first; i <= last; ++i) {
             results.push(Value::integer(static_cast<unsigned char>(text[static_cast<std::size_t>(i - 1)])));
         }

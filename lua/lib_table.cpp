@@ -137,7 +137,10 @@ void bindTableLibrary(Impl& vm) {
                                                                          : table->sequenceLength();
         MultiValue results;
         if (first > last) return results;
-        if (last - first >= kMaxUnpack || last - first < 0) self.failRuntime(self.m_currentLine, "too many results to unpack");
+        // Unsigned, because last - first overflows for bounds of opposite extremes.
+        if (static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first) >= static_cast<std::uint64_t>(kMaxUnpack)) {
+            self.failRuntime(self.m_currentLine, "too many results to unpack");
+        }
         for (std::int64_t i = first; i <= last; ++i) results.push(table->get(Value::integer(i)));
         return results;
     });

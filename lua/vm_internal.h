@@ -159,7 +159,6 @@ struct LuaVM::Impl {
     Table* m_stringLibrary = nullptr;          // string methods: ("x"):upper()
     Value m_stringLibraryValue;
     std::mt19937_64 m_random;
-    std::unordered_map<std::string, std::shared_ptr<void>> m_patternCache;
 };
 
 std::size_t effectiveStackBudget(const LuaVM::Impl& vm);

@@ -131,6 +131,9 @@ INSTANTIATE_TEST_SUITE_P(Messages, LibraryErrors, ::testing::Values(
     LibraryErrorCase{"string.find('a', '(')", "test:1: unfinished capture"},
     LibraryErrorCase{"string.find('a', '%')", "test:1: malformed pattern (ends with '%')"},
     LibraryErrorCase{"string.find('a', '[a')", "test:1: malformed pattern (missing ']')"},
+    // Regression: the result count used to be computed with a signed overflow.
+    LibraryErrorCase{"table.unpack({}, math.mininteger, math.maxinteger)", "test:1: too many results to unpack"},
+    LibraryErrorCase{"string.byte(string.rep('a', 2000000), 1, -1)", "test:1: string slice too long"},
     LibraryErrorCase{"math.random(5, 4)", "test:1: math.random interval is empty"},
     LibraryErrorCase{"math.clamp(1, 3, 2)", "test:1: math.clamp lower bound is greater than upper bound"},
     LibraryErrorCase{"pairs(5)", "test:1: pairs expects a table"},
