@@ -7,11 +7,25 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cctype>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace korvel {
 namespace {
+
+// Readable, unique test names from a case's own text.
+template <typename Case, typename Field>
+std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
+    std::string name;
+    for (char c : std::string_view(info.param.*field)) {
+        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+        else if (name.empty() || name.back() != '_') name += '_';
+        if (name.size() >= 40) break;
+    }
+    return name + "_" + std::to_string(info.index);
+}
 
 // Names every case may use.
 const char* kPrelude =
@@ -70,7 +84,8 @@ INSTANTIATE_TEST_SUITE_P(Precedence, ExpressionValue, ::testing::Values(
     ValueCase{"yes or no and no", "true", "bool"},
     ValueCase{"#arr + #s", "6", "int"},
     ValueCase{"- -i7", "7", "int"},
-    ValueCase{"!yes == no", "true", "bool"}));
+    ValueCase{"!yes == no", "true", "bool"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Arithmetic, ExpressionValue, ::testing::Values(
     ValueCase{"i7 / i2", "3.500000", "float"},
     ValueCase{"6 / 3", "2.000000", "float"},
@@ -92,7 +107,8 @@ INSTANTIATE_TEST_SUITE_P(Arithmetic, ExpressionValue, ::testing::Values(
     ValueCase{"i2 <- 3", "16", "int"},
     ValueCase{"i2 <- 0", "1", "int"},
     ValueCase{"i2 -> 3", "65536", "int"},
-    ValueCase{"1 / 3 * 3", "1.000000", "float"}));
+    ValueCase{"1 / 3 * 3", "1.000000", "float"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 INSTANTIATE_TEST_SUITE_P(ThirtyTwoBits, ExpressionValue, ::testing::Values(
     ValueCase{"big + 1", "-2147483648", "int"},
     ValueCase{"2147483647 + 1", "-2147483648", "int"},
@@ -105,7 +121,8 @@ INSTANTIATE_TEST_SUITE_P(ThirtyTwoBits, ExpressionValue, ::testing::Values(
     ValueCase{"65536 * 65536", "0", "int"},
     ValueCase{"fbig + 1", "16777216.000000", "float"},
     ValueCase{"16777216.0 + i2 - 1", "16777216.000000", "float"},
-    ValueCase{"big + 0.0", "2147483648.000000", "float"}));
+    ValueCase{"big + 0.0", "2147483648.000000", "float"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Strings, ExpressionValue, ::testing::Values(
     ValueCase{"s + i7", "str7", "string"},
     ValueCase{"i7 + s", "7str", "string"},
@@ -121,7 +138,8 @@ INSTANTIATE_TEST_SUITE_P(Strings, ExpressionValue, ::testing::Values(
     ValueCase{"#\"\"", "0", "int"},
     ValueCase{"s == \"str\"", "true", "bool"},
     ValueCase{"s < \"sts\"", "true", "bool"},
-    ValueCase{"\"ab\" < \"abc\"", "true", "bool"}));
+    ValueCase{"\"ab\" < \"abc\"", "true", "bool"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Logic, ExpressionValue, ::testing::Values(
     ValueCase{"nothing or i2", "2", "int"},
     ValueCase{"0 or i2", "0", "int"},
@@ -146,7 +164,8 @@ INSTANTIATE_TEST_SUITE_P(Logic, ExpressionValue, ::testing::Values(
     ValueCase{"t ~= {k: 1}", "true", "bool"},
     ValueCase{"nothing == nothingElse", "true", "bool"},
     ValueCase{"i2 >= yes", "true", "bool"},
-    ValueCase{"f15 <= 1", "false", "bool"}));
+    ValueCase{"f15 <= 1", "false", "bool"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Primaries, ExpressionValue, ::testing::Values(
     ValueCase{"arr[2] + t.k", "3", "int"},
     ValueCase{"arr[4]", "not", "not"},
@@ -167,7 +186,8 @@ INSTANTIATE_TEST_SUITE_P(Primaries, ExpressionValue, ::testing::Values(
     ValueCase{"id(id)(i7)", "7", "int"},
     ValueCase{"typeOf(unknownName)", "not", "string"},
     ValueCase{"x#1", "not", "not"},
-    ValueCase{"i7#1", "7", "int"}));
+    ValueCase{"i7#1", "7", "int"}),
+    [](const ::testing::TestParamInfo<ValueCase>& info) { return caseName(info, &ValueCase::expression); });
 
 struct ErrorCase {
     const char* expression;
@@ -216,7 +236,8 @@ INSTANTIATE_TEST_SUITE_P(Arithmetic, ExpressionError, ::testing::Values(
     ErrorCase{"#nothing", "len(x) expects an array, table, or string"},
     ErrorCase{"t < 1", "Cannot compare table with int"},
     ErrorCase{"nothing >= 1", "Cannot compare not with int"},
-    ErrorCase{"s > i2", "Cannot compare string with int"}));
+    ErrorCase{"s > i2", "Cannot compare string with int"}),
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return caseName(info, &ErrorCase::expression); });
 INSTANTIATE_TEST_SUITE_P(HyperOperations, ExpressionError, ::testing::Values(
     ErrorCase{"i2 <- 1.5", "tetration height must be an integer"},
     ErrorCase{"i2 <- -1", "tetration height must be a non-negative integer"},
@@ -227,7 +248,8 @@ INSTANTIATE_TEST_SUITE_P(HyperOperations, ExpressionError, ::testing::Values(
     ErrorCase{"i2 -> -1", "pentation count must be a non-negative integer"},
     ErrorCase{"f15 -> 2", "pentation intermediate height must be an integer"},
     ErrorCase{"s -> 1", "pentation requires numeric operands"},
-    ErrorCase{"3 -> 3", "Invalid pentation result"}));
+    ErrorCase{"3 -> 3", "Invalid pentation result"}),
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return caseName(info, &ErrorCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Primaries, ExpressionError, ::testing::Values(
     ErrorCase{"i7[1]", "Indexing requires an array, table, or string"},
     ErrorCase{"nothing[1]", "Indexing requires an array, table, or string"},
@@ -236,7 +258,8 @@ INSTANTIATE_TEST_SUITE_P(Primaries, ExpressionError, ::testing::Values(
     ErrorCase{"nothing()", "Attempted to call a non-function value of type not"},
     ErrorCase{"i7()", "Attempted to call a non-function value of type int"},
     ErrorCase{"s.nope()", "Attempted to call a non-function value of type not"},
-    ErrorCase{"{[t]: 1}", "Table key must be string, number, or bool"}));
+    ErrorCase{"{[t]: 1}", "Table key must be string, number, or bool"}),
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return caseName(info, &ErrorCase::expression); });
 INSTANTIATE_TEST_SUITE_P(Syntax, ExpressionSyntaxError, ::testing::Values(
     ErrorCase{"(1 + 2", "Expected closing parenthesis"},
     ErrorCase{"arr[1", "Expected closing bracket"},
@@ -250,7 +273,8 @@ INSTANTIATE_TEST_SUITE_P(Syntax, ExpressionSyntaxError, ::testing::Values(
     ErrorCase{"{1: 2}", "Invalid table key"},
     ErrorCase{"{a: 1 b: 2}", "Expected ',' or '}' in table literal"},
     ErrorCase{"{a: 1,", "Unexpected end of table literal"},
-    ErrorCase{"id(1 2)", "Expected ',' or ')' after function argument"}));
+    ErrorCase{"id(1 2)", "Expected ',' or ')' after function argument"}),
+    [](const ::testing::TestParamInfo<ErrorCase>& info) { return caseName(info, &ErrorCase::expression); });
 
 // --- nesting limits -----------------------------------------------------------------------
 
@@ -297,7 +321,8 @@ INSTANTIATE_TEST_SUITE_P(Limits, DeepExpression, ::testing::Values(
     DeepCase{"200000 prefix minus", "x = " + repeated("- ", 200000) + "1"},
     DeepCase{"200000 prefix not", "x = " + repeated("!", 200000) + "1"},
     DeepCase{"nesting inside a print call", "print(" + repeated("(", 200000) + "1" + repeated(")", 200000) + ")"},
-    DeepCase{"nesting in an if condition", "if " + repeated("(", 200000) + "1" + repeated(")", 200000) + "\nend"}));
+    DeepCase{"nesting in an if condition", "if " + repeated("(", 200000) + "1" + repeated(")", 200000) + "\nend"}),
+    [](const ::testing::TestParamInfo<DeepCase>& info) { return caseName(info, &DeepCase::name); });
 
 TEST(ExpressionNesting, LongRightAssociativeChainEndsCleanly) {
     // A 200,000-long power chain either evaluates (to 1) or reports the nesting error.

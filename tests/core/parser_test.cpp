@@ -6,11 +6,25 @@
 
 #include <climits>
 #include <cstdint>
+#include <cctype>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace korvel {
 namespace {
+
+// Readable, unique test names from a case's own text.
+template <typename Case, typename Field>
+std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
+    std::string name;
+    for (char c : std::string_view(info.param.*field)) {
+        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+        else if (name.empty() || name.back() != '_') name += '_';
+        if (name.size() >= 40) break;
+    }
+    return name + "_" + std::to_string(info.index);
+}
 
 using Tokens = std::vector<std::string>;
 
@@ -58,7 +72,8 @@ INSTANTIATE_TEST_SUITE_P(Operators, Tokenising, ::testing::Values(
     TokenCase{"!x", {"!", "x"}},
     TokenCase{"#list", {"#", "list"}},
     TokenCase{"a = = b", {"a", "=", "=", "b"}},
-    TokenCase{"a< -b", {"a", "<", "-", "b"}}));
+    TokenCase{"a< -b", {"a", "<", "-", "b"}}),
+    [](const ::testing::TestParamInfo<TokenCase>& info) { return caseName(info, &TokenCase::text); });
 INSTANTIATE_TEST_SUITE_P(Punctuation, Tokenising, ::testing::Values(
     TokenCase{"f(a,b)", {"f", "(", "a", ",", "b", ")"}},
     TokenCase{"t[1][2]", {"t", "[", "1", "]", "[", "2", "]"}},
@@ -68,13 +83,15 @@ INSTANTIATE_TEST_SUITE_P(Punctuation, Tokenising, ::testing::Values(
     TokenCase{"Mirel.getPixel(img)", {"Mirel.getPixel", "(", "img", ")"}},
     TokenCase{"string.sub", {"string.sub"}},
     TokenCase{"$ff", {"$ff"}},
-    TokenCase{"1e5", {"1e5"}}));
+    TokenCase{"1e5", {"1e5"}}),
+    [](const ::testing::TestParamInfo<TokenCase>& info) { return caseName(info, &TokenCase::text); });
 INSTANTIATE_TEST_SUITE_P(ScopeSuffixes, Tokenising, ::testing::Values(
     TokenCase{"x#1 = 2", {"x#1", "=", "2"}},
     TokenCase{"x#12", {"x#12"}},
     TokenCase{"a#b", {"a", "#", "b"}},
     TokenCase{"#x#0", {"#", "x#0"}},
-    TokenCase{"n# 1", {"n", "#", "1"}}));
+    TokenCase{"n# 1", {"n", "#", "1"}}),
+    [](const ::testing::TestParamInfo<TokenCase>& info) { return caseName(info, &TokenCase::text); });
 INSTANTIATE_TEST_SUITE_P(Strings, Tokenising, ::testing::Values(
     TokenCase{"s = \"a b\"", {"s", "=", "\"a b\""}},
     TokenCase{"'it\\'s'", {"'it\\'s'"}},
@@ -82,7 +99,8 @@ INSTANTIATE_TEST_SUITE_P(Strings, Tokenising, ::testing::Values(
     TokenCase{"\"it's\"", {"\"it's\""}},
     TokenCase{"'a\"b'", {"'a\"b'"}},
     TokenCase{"f(\"a,b\")", {"f", "(", "\"a,b\"", ")"}},
-    TokenCase{"\"\"", {"\"\""}}));
+    TokenCase{"\"\"", {"\"\""}}),
+    [](const ::testing::TestParamInfo<TokenCase>& info) { return caseName(info, &TokenCase::text); });
 
 TEST(Tokenising, UnterminatedStringFails) {
     for (std::string_view text : {"print(\"abc", "'abc", "\"abc\\\"", "x = 'a\" "}) {
@@ -122,14 +140,16 @@ TEST_P(TruthWords, AcceptExactlyTheListedSpellings) {
 INSTANTIATE_TEST_SUITE_P(Listed, TruthWords, ::testing::Values(
     WordCase{"true", true, false}, WordCase{"ture", true, false}, WordCase{"tre", true, false},
     WordCase{"tue", true, false}, WordCase{"false", false, true}, WordCase{"flase", false, true},
-    WordCase{"fasle", false, true}, WordCase{"flse", false, true}));
+    WordCase{"fasle", false, true}, WordCase{"flse", false, true}),
+    [](const ::testing::TestParamInfo<WordCase>& info) { return caseName(info, &WordCase::word); });
 INSTANTIATE_TEST_SUITE_P(NotListed, TruthWords, ::testing::Values(
     WordCase{"True", false, false}, WordCase{"TRUE", false, false}, WordCase{"tru", false, false},
     WordCase{"treu", false, false}, WordCase{"rtue", false, false}, WordCase{"truee", false, false},
     WordCase{"te", false, false}, WordCase{"t", false, false}, WordCase{"False", false, false},
     WordCase{"fals", false, false}, WordCase{"falsse", false, false}, WordCase{"flsae", false, false},
     WordCase{"fase", false, false}, WordCase{"fales", false, false}, WordCase{"f", false, false},
-    WordCase{"\"true\"", false, false}, WordCase{"", false, false}));
+    WordCase{"\"true\"", false, false}, WordCase{"", false, false}),
+    [](const ::testing::TestParamInfo<WordCase>& info) { return caseName(info, &WordCase::word); });
 
 struct NumericCase {
     const char* token;
@@ -163,7 +183,8 @@ INSTANTIATE_TEST_SUITE_P(Numbers, NumericWords, ::testing::Values(
     NumericCase{"1.5", true, true, false, 0, 1.5f},
     NumericCase{"-0.25", true, true, false, 0, -0.25f},
     NumericCase{".5", true, true, false, 0, 0.5f},
-    NumericCase{"5.", true, true, false, 0, 5.0f}));
+    NumericCase{"5.", true, true, false, 0, 5.0f}),
+    [](const ::testing::TestParamInfo<NumericCase>& info) { return caseName(info, &NumericCase::token); });
 INSTANTIATE_TEST_SUITE_P(NotNumbers, NumericWords, ::testing::Values(
     NumericCase{"-", false, false, false, 0, 0},
     NumericCase{"+", false, false, false, 0, 0},
@@ -178,7 +199,8 @@ INSTANTIATE_TEST_SUITE_P(NotNumbers, NumericWords, ::testing::Values(
     NumericCase{"1-", false, false, false, 0, 0},
     NumericCase{"1,5", false, false, false, 0, 0},
     NumericCase{"", false, false, false, 0, 0},
-    NumericCase{"abc", false, false, false, 0, 0}));
+    NumericCase{"abc", false, false, false, 0, 0}),
+    [](const ::testing::TestParamInfo<NumericCase>& info) { return caseName(info, &NumericCase::token); });
 
 struct IdentifierCase {
     const char* token;
@@ -194,7 +216,8 @@ INSTANTIATE_TEST_SUITE_P(Words, Identifiers, ::testing::Values(
     IdentifierCase{"a1_$", true}, IdentifierCase{"x#1", true}, IdentifierCase{"x#0", true},
     IdentifierCase{"1a", false}, IdentifierCase{"5", false}, IdentifierCase{"", false},
     IdentifierCase{"#1", false}, IdentifierCase{"x#", false}, IdentifierCase{"x#a", false},
-    IdentifierCase{"\"s\"", false}, IdentifierCase{"+", false}));
+    IdentifierCase{"\"s\"", false}, IdentifierCase{"+", false}),
+    [](const ::testing::TestParamInfo<IdentifierCase>& info) { return caseName(info, &IdentifierCase::token); });
 
 struct ScopedCase {
     const char* token;
@@ -211,7 +234,8 @@ TEST_P(ScopedNames, SplitNameAndScope) {
 }
 INSTANTIATE_TEST_SUITE_P(Suffixes, ScopedNames, ::testing::Values(
     ScopedCase{"plain", "plain", -1}, ScopedCase{"x#0", "x", 0}, ScopedCase{"x#1", "x", 1},
-    ScopedCase{"long_name#3", "long_name", 3}));
+    ScopedCase{"long_name#3", "long_name", 3}),
+    [](const ::testing::TestParamInfo<ScopedCase>& info) { return caseName(info, &ScopedCase::token); });
 
 TEST(ScopedNames, SuffixAboveThreeStaysAboveThree) {
     std::string_view name;
@@ -242,7 +266,8 @@ INSTANTIATE_TEST_SUITE_P(Forms, PointerLiterals, ::testing::Values(
     PointerCase{"$0000000000000001", true, 1},
     PointerCase{"$", false, 0}, PointerCase{"ff", false, 0}, PointerCase{"$g", false, 0},
     PointerCase{"$1g", false, 0}, PointerCase{"$-1", false, 0}, PointerCase{"$ 1", false, 0},
-    PointerCase{"$1ffffffffffffffff", false, 0}));
+    PointerCase{"$1ffffffffffffffff", false, 0}),
+    [](const ::testing::TestParamInfo<PointerCase>& info) { return caseName(info, &PointerCase::token); });
 
 // --- string decoding ----------------------------------------------------------------------
 
@@ -265,7 +290,8 @@ INSTANTIATE_TEST_SUITE_P(Escapes, StringDecoding, ::testing::Values(
     DecodeCase{"\"\\q\\0\"", "q0"},
     DecodeCase{"\"\\T\\N\"", "TN"},
     DecodeCase{"\"ab\\\"", "ab\\"},
-    DecodeCase{"\"@@;\"", "@@;"}));
+    DecodeCase{"\"@@;\"", "@@;"}),
+    [](const ::testing::TestParamInfo<DecodeCase>& info) { return caseName(info, &DecodeCase::token); });
 
 // --- lines, kinds and scope prefixes ------------------------------------------------------
 
@@ -343,20 +369,23 @@ INSTANTIATE_TEST_SUITE_P(Keywords, LineKinds, ::testing::Values(
     KindCase{"local function f()\nend", LineKind::LocalFunction, ScopePrefix::None},
     KindCase{"nest top", LineKind::Nest, ScopePrefix::None},
     KindCase{"return 1", LineKind::Return, ScopePrefix::None},
-    KindCase{"break", LineKind::Break, ScopePrefix::None}));
+    KindCase{"break", LineKind::Break, ScopePrefix::None}),
+    [](const ::testing::TestParamInfo<KindCase>& info) { return caseName(info, &KindCase::line); });
 INSTANTIATE_TEST_SUITE_P(Prefixes, LineKinds, ::testing::Values(
     KindCase{"local x = 1", LineKind::Statement, ScopePrefix::Local},
     KindCase{"native x = 1", LineKind::Statement, ScopePrefix::Native},
     KindCase{"external x = 1", LineKind::Statement, ScopePrefix::External},
     KindCase{"local a, b", LineKind::Statement, ScopePrefix::Local},
     KindCase{"decay x = 1", LineKind::Statement, ScopePrefix::None},
-    KindCase{"localx = 1", LineKind::Statement, ScopePrefix::None}));
+    KindCase{"localx = 1", LineKind::Statement, ScopePrefix::None}),
+    [](const ::testing::TestParamInfo<KindCase>& info) { return caseName(info, &KindCase::line); });
 INSTANTIATE_TEST_SUITE_P(CaseMatters, LineKinds, ::testing::Values(
     KindCase{"If = 1", LineKind::Statement, ScopePrefix::None},
     KindCase{"END = 1", LineKind::Statement, ScopePrefix::None},
     KindCase{"Function = 1", LineKind::Statement, ScopePrefix::None},
     KindCase{"Local x = 1", LineKind::Statement, ScopePrefix::None},
-    KindCase{"ends = 1", LineKind::Statement, ScopePrefix::None}));
+    KindCase{"ends = 1", LineKind::Statement, ScopePrefix::None}),
+    [](const ::testing::TestParamInfo<KindCase>& info) { return caseName(info, &KindCase::line); });
 
 // --- block links --------------------------------------------------------------------------
 

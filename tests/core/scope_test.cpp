@@ -70,6 +70,13 @@ TEST_F(HostApi, PullVariableOfAnUnknownNameFails) {
     EXPECT_EQ(messageOf([&] { script.pullVariable("onlyLocal"); }), "Variable not found: onlyLocal");
 }
 
+TEST_F(HostApi, NamePushedAfterAFailedReadIsSeen) {
+    ASSERT_TRUE(run("function read()\n  return latecomer\nend\nfirst = typeOf(read())").ok);
+    EXPECT_EQ(script.pullVariable("first").toString(), "not");
+    script.pushVariable("latecomer", Variable("here"));
+    EXPECT_EQ(script.callCallable(script.pullVariable("read"), {}).toString(), "here");
+}
+
 TEST_F(HostApi, PushedVariableIsShadowedByAScriptLocal) {
     script.pushVariable("v", Variable(std::int32_t{1}));
     RunResult r = run("function f()\n  local v = 2\n  return v + v#1 * 10\nend\nreturn f()");

@@ -6,10 +6,24 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cctype>
 #include <string>
+#include <string_view>
 
 namespace korvel {
 namespace {
+
+// Readable, unique test names from a case's own text.
+template <typename Case, typename Field>
+std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
+    std::string name;
+    for (char c : std::string_view(info.param.*field)) {
+        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+        else if (name.empty() || name.back() != '_') name += '_';
+        if (name.size() >= 40) break;
+    }
+    return name + "_" + std::to_string(info.index);
+}
 
 const std::string kHint = "  hint: check spelling, operators, parentheses, and quote matching\n";
 
@@ -80,7 +94,8 @@ INSTANTIATE_TEST_SUITE_P(Format, ErrorReport, ::testing::Values(
                "KorvelScript error: Division by zero\n"
                "  at t.ks:1, near token '/'\n"
                "  \tq = 1 / 0\n"
-               "         ^\n" + kHint}));
+               "         ^\n" + kHint}),
+    [](const ::testing::TestParamInfo<ReportCase>& info) { return caseName(info, &ReportCase::name); });
 
 TEST(ErrorReport, StartsWithTheBareMessage) {
     Outcome r = run("x = \"open", "s.ks");
@@ -220,7 +235,8 @@ INSTANTIATE_TEST_SUITE_P(Blocks, StatementMessage, ::testing::Values(
     MessageCase{"break outside loop", "if true\n  break\nend", "break used outside a loop"},
     MessageCase{"return two values", "return 1, 2", "Unexpected token after return value"},
     MessageCase{"trailing token", "x = 1 2", "Unexpected trailing token"},
-    MessageCase{"call trailing token", "print(1) print(2)", "Unexpected trailing token"}));
+    MessageCase{"call trailing token", "print(1) print(2)", "Unexpected trailing token"}),
+    [](const ::testing::TestParamInfo<MessageCase>& info) { return caseName(info, &MessageCase::name); });
 INSTANTIATE_TEST_SUITE_P(Functions, StatementMessage, ::testing::Values(
     MessageCase{"no target", "function\nend", "Expected function target"},
     MessageCase{"target bracket", "t = {}\nfunction t[\"a\"(x)\nend", "Expected closing bracket in function target"},
@@ -228,7 +244,8 @@ INSTANTIATE_TEST_SUITE_P(Functions, StatementMessage, ::testing::Values(
     MessageCase{"bad parameter", "function f(\"a\")\nend", "Expected function parameter name"},
     MessageCase{"parameter separator", "function f(a b)\nend", "Expected ',' or ')' after function parameter"},
     MessageCase{"declaration trailing token", "function f() 1\nend", "Unexpected token after function declaration"},
-    MessageCase{"local function no target", "local function\nend", "Expected function target"}));
+    MessageCase{"local function no target", "local function\nend", "Expected function target"}),
+    [](const ::testing::TestParamInfo<MessageCase>& info) { return caseName(info, &MessageCase::name); });
 INSTANTIATE_TEST_SUITE_P(Assignments, StatementMessage, ::testing::Values(
     MessageCase{"compound unknown name", "score += 1", "Variable not found: score"},
     MessageCase{"compound unknown name in function", "function f()\n  tally *= 2\nend\nf()",
@@ -242,14 +259,16 @@ INSTANTIATE_TEST_SUITE_P(Assignments, StatementMessage, ::testing::Values(
     MessageCase{"index into bool", "x = true\nx[\"k\"] = 2", "Cannot assign by index into a value of type bool"},
     MessageCase{"index into function", "print[1] = 2", "Cannot assign by index into a value of type function"},
     MessageCase{"index into missing", "nothing[1] = 2", "Cannot assign by index into a value of type not"},
-    MessageCase{"array key", "t = {}\nt[[1]] = 2", "Table key must be string, number, or bool"}));
+    MessageCase{"array key", "t = {}\nt[[1]] = 2", "Table key must be string, number, or bool"}),
+    [](const ::testing::TestParamInfo<MessageCase>& info) { return caseName(info, &MessageCase::name); });
 INSTANTIATE_TEST_SUITE_P(Jumps, StatementMessage, ::testing::Values(
     MessageCase{"missing label", "jumpTo(\"nowhere\")", "jumpTo(label): no nest label 'nowhere' in this function"},
     MessageCase{"label of the caller", "nest outside\nfunction f()\n  jumpTo(\"outside\")\nend\nf()",
                 "jumpTo(label): no nest label 'outside' in this function"},
     MessageCase{"empty label", "jumpTo(\"\")", "jumpTo(label) expects a non-empty label"},
     MessageCase{"no label", "jumpTo()", "jumpTo(label) expects exactly one string argument"},
-    MessageCase{"number label", "jumpTo(5)", "jumpTo(label) expects exactly one string argument"}));
+    MessageCase{"number label", "jumpTo(5)", "jumpTo(label) expects exactly one string argument"}),
+    [](const ::testing::TestParamInfo<MessageCase>& info) { return caseName(info, &MessageCase::name); });
 
 // --- multi-value assignment ---------------------------------------------------------------
 

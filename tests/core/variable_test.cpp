@@ -8,10 +8,24 @@
 #include <climits>
 #include <cmath>
 #include <stdexcept>
+#include <cctype>
 #include <string>
+#include <string_view>
 
 namespace korvel {
 namespace {
+
+// Readable, unique test names from a case's own text.
+template <typename Case, typename Field>
+std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
+    std::string name;
+    for (char c : std::string_view(info.param.*field)) {
+        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+        else if (name.empty() || name.back() != '_') name += '_';
+        if (name.size() >= 40) break;
+    }
+    return name + "_" + std::to_string(info.index);
+}
 
 Variable arrayOf(std::vector<Variable> items) { return Variable::makeArray(std::move(items)); }
 
@@ -82,13 +96,15 @@ INSTANTIATE_TEST_SUITE_P(Scalars, PrintedForm, ::testing::Values(
     PrintCase{"false", Variable(false), "false"},
     PrintCase{"pointer", Variable::fromPointer(reinterpret_cast<void*>(0xABCDEFu)), "$ABCDEF"},
     PrintCase{"small pointer", Variable::fromPointer(reinterpret_cast<void*>(0x1fu)), "$1F"},
-    PrintCase{"multivalue", Variable::makeMulti(std::vector<Variable>{1}), "[multivalue]"}));
+    PrintCase{"multivalue", Variable::makeMulti(std::vector<Variable>{1}), "[multivalue]"}),
+    [](const ::testing::TestParamInfo<PrintCase>& info) { return caseName(info, &PrintCase::name); });
 INSTANTIATE_TEST_SUITE_P(Containers, PrintedForm, ::testing::Values(
     PrintCase{"empty array", Variable::makeArray(), "[]"},
     PrintCase{"array of ints", arrayOf({1, 2}), "[1, 2]"},
     PrintCase{"mixed array", arrayOf({Variable(), "x", 2.5f, false}), "[not, x, 2.500000, false]"},
     PrintCase{"nested array", arrayOf({arrayOf({1}), arrayOf({})}), "[[1], []]"},
-    PrintCase{"empty table", Variable::makeTable(), "{}"}));
+    PrintCase{"empty table", Variable::makeTable(), "{}"}),
+    [](const ::testing::TestParamInfo<PrintCase>& info) { return caseName(info, &PrintCase::name); });
 
 TEST(PrintedForm, TablePrintsEntriesInInsertionOrder) {
     Variable t = Variable::makeTable();
@@ -182,7 +198,8 @@ INSTANTIATE_TEST_SUITE_P(Cases, Equality, ::testing::Values(
              Variable::fromPointer(reinterpret_cast<void*>(32)), false},
     PairCase{"distinct equal-looking tables", Variable::makeTable(), Variable::makeTable(), false},
     PairCase{"distinct equal-looking arrays", arrayOf({1}), arrayOf({1}), false},
-    PairCase{"a table equals itself", sharedTable, sharedTable, true}));
+    PairCase{"a table equals itself", sharedTable, sharedTable, true}),
+    [](const ::testing::TestParamInfo<PairCase>& info) { return caseName(info, &PairCase::name); });
 
 struct OrderCase {
     const char* name;
@@ -210,7 +227,8 @@ INSTANTIATE_TEST_SUITE_P(Cases, Ordering, ::testing::Values(
     OrderCase{"upper before lower", Variable("Z"), Variable("a"), -1},
     OrderCase{"unsigned bytes", Variable("\xC3\xA9"), Variable("z"), 1},
     OrderCase{"empty first", Variable(""), Variable("a"), -1},
-    OrderCase{"equal strings", Variable("same"), Variable("same"), 0}));
+    OrderCase{"equal strings", Variable("same"), Variable("same"), 0}),
+    [](const ::testing::TestParamInfo<OrderCase>& info) { return caseName(info, &OrderCase::name); });
 
 struct CompareFailure {
     const char* name;
@@ -231,7 +249,8 @@ INSTANTIATE_TEST_SUITE_P(Cases, OrderingFailure, ::testing::Values(
     CompareFailure{"arrays", Variable::makeArray(), Variable::makeArray(), "Cannot compare array with array"},
     CompareFailure{"bool with string", Variable(true), Variable("t"), "Cannot compare bool with string"},
     CompareFailure{"pointers", Variable::fromPointer(nullptr), Variable::fromPointer(nullptr),
-                   "Cannot compare pointer with pointer"}));
+                   "Cannot compare pointer with pointer"}),
+    [](const ::testing::TestParamInfo<CompareFailure>& info) { return caseName(info, &CompareFailure::name); });
 
 // --- array storage, key strings, promotion ------------------------------------------------
 
@@ -261,7 +280,8 @@ INSTANTIATE_TEST_SUITE_P(Keys, ArrayStorage, ::testing::Values(
     StorageCase{"float nan", Variable(NAN), false},
     StorageCase{"numeric string", Variable("1"), false},
     StorageCase{"true", Variable(true), false},
-    StorageCase{"nil", Variable(), false}));
+    StorageCase{"nil", Variable(), false}),
+    [](const ::testing::TestParamInfo<StorageCase>& info) { return caseName(info, &StorageCase::name); });
 
 struct KeyCase {
     const char* name;
@@ -277,7 +297,8 @@ INSTANTIATE_TEST_SUITE_P(Keys, KeyStrings, ::testing::Values(
     KeyCase{"string", Variable("name"), "name"},
     KeyCase{"empty string", Variable(""), ""},
     KeyCase{"true", Variable(true), "true"},
-    KeyCase{"false", Variable(false), "false"}));
+    KeyCase{"false", Variable(false), "false"}),
+    [](const ::testing::TestParamInfo<KeyCase>& info) { return caseName(info, &KeyCase::name); });
 
 class BadKeys : public ::testing::TestWithParam<Variable> {};
 TEST_P(BadKeys, AreRejected) {
