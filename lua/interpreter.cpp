@@ -321,8 +321,32 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     failRuntime(expr->line, "unsupported expression");
 }
 
+namespace {
+
+bool compareIntegers(ExprKind kind, std::int64_t a, std::int64_t b) {
+    switch (kind) {
+    case ExprKind::Equal: return a == b;
+    case ExprKind::NotEqual: return a != b;
+    case ExprKind::Less: return a < b;
+    case ExprKind::LessEqual: return a <= b;
+    case ExprKind::Greater: return a > b;
+    default: return a >= b;
+    }
+}
+
+} // namespace
+
 bool Impl::evalTruth(const Expr* expr, Frame& frame) {
     if (expr->kind >= ExprKind::Equal && expr->kind <= ExprKind::GreaterEqual) {
+        // The commonest loop and recursion test: an integer local against an integer constant.
+        auto* binary = static_cast<const BinaryExpr*>(expr);
+        if (binary->left->kind == ExprKind::Local && binary->right->kind == ExprKind::Constant) {
+            const Value& left = frame.slots[static_cast<const VariableExpr*>(binary->left)->index];
+            const Value& right = static_cast<const ConstantExpr*>(binary->right)->value;
+            if (left.kind() == Kind::Integer && right.kind() == Kind::Integer) {
+                return compareIntegers(expr->kind, left.asInteger(), right.asInteger());
+            }
+        }
         bool outcome = false;
         if (scalarCompare(*this, static_cast<const BinaryExpr*>(expr), frame, outcome)) return outcome;
     }

@@ -53,10 +53,8 @@ std::FILE* openFile(Impl& vm, std::string_view name, ValueSpan arguments) {
 }
 
 void writeValues(Impl& vm, std::FILE* stream, ValueSpan values, const char* failure) {
+    // Every value is written in its text form (a table as "table: 0x..."), as io.write promises.
     for (const Value& value : values) {
-        if (value.kind() != Kind::String && !value.isNumber()) {
-            vm.failRuntime(vm.m_currentLine, std::string("cannot write a ") + describeValueType(value.kind()) + " value");
-        }
         std::string text = value.kind() == Kind::String ? std::string(value.stringView()) : value.toString();
         if (std::fwrite(text.data(), 1, text.size(), stream) != text.size()) vm.failRuntime(vm.m_currentLine, failure);
     }
