@@ -90,6 +90,21 @@ INSTANTIATE_TEST_SUITE_P(Format, ErrorReport, ::testing::Values(
                "  at line 3, near token '<'\n"
                "  x = 1 < {}\n"
                "        ^\n" + kHint},
+    ReportCase{"while condition failing on a later pass", "n = 0\nwhile n < 2\n  n = \"x\"\nend", "w.ks",
+               "KorvelScript error: Cannot compare string with int\n"
+               "  at w.ks:2, near token '<'\n"
+               "  while n < 2\n"
+               "          ^\n" + kHint},
+    ReportCase{"until condition", "i = 0\nrepeat\n  i += 1\nuntil i > {}", "u.ks",
+               "KorvelScript error: Cannot compare int with table\n"
+               "  at u.ks:4, near token '>'\n"
+               "  until i > {}\n"
+               "          ^\n" + kHint},
+    ReportCase{"elseif condition", "x = 1\nif x == 2\nelseif x < \"a\"\nend", "e.ks",
+               "KorvelScript error: Cannot compare int with string\n"
+               "  at e.ks:3, near token '<'\n"
+               "  elseif x < \"a\"\n"
+               "           ^\n" + kHint},
     ReportCase{"tab before the token gives spaces in the caret line", "\tq = 1 / 0", "t.ks",
                "KorvelScript error: Division by zero\n"
                "  at t.ks:1, near token '/'\n"
