@@ -798,6 +798,9 @@ private:
         if (out.targets.size() == 1 && first.keys.empty() && first.name->localSlot >= 0 &&
             (first.scope == TargetScope::Plain || first.scope == TargetScope::Local))
             out.kind = StmtKind::AssignLocal;
+        if (out.kind == StmtKind::AssignLocal && out.expr->op == Op::Add && out.expr->left->op == Op::Local &&
+            out.expr->left->name->localSlot == first.name->localSlot)
+            out.appendsToItself = true;
     }
 
     static bool declaresOnly(const ParsedScriptLine& line, std::size_t start) {

@@ -329,6 +329,30 @@ void Interpreter::executeParsedBlock(Activation& activation) {
                             }
                         }
                     }
+                    if (line.appendsToItself) {
+                        // s = s + e on an unshared string appends in place, like s += e.
+                        Variable& slot = activation.slots[target.name->localSlot];
+                        if (slot.type() == VarType::String) {
+                            Variable addition = eval(line.expr->right);
+                            Variable& current = activation.slots[target.name->localSlot];
+                            if (current.type() == VarType::String) {
+                                if (addition.type() == VarType::String && addition.stringObject() == current.stringObject()) {
+                                    std::string copy = addition.asString();
+                                    current.mutableString() += copy;
+                                } else {
+                                    addition.appendTo(current.mutableString());
+                                }
+                                ++pc;
+                                break;
+                            }
+                            Variable left = current;
+                            errorToken = line.expr->token;
+                            Variable result = performOperation(left, '+', addition);
+                            assignLoopVariable(target, std::move(result));
+                            ++pc;
+                            break;
+                        }
+                    }
                     Variable value = eval(line.expr);
                     Variable& slot = activation.slots[target.name->localSlot];
                     if (target.scope == TargetScope::Local || !slot.isUnset()) {

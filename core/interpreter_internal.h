@@ -99,6 +99,7 @@ struct CompiledLine {
     std::int32_t breakTarget = -1;  // break: the enclosing loop's closing line
     std::int32_t errorToken = -1;
     char compoundOp = 0;          // + - * / \ % ^
+    bool appendsToItself = false; // x = x + e on a local: may append in place
     IterKind iterKind = IterKind::Array;
     FastExpression* expr = nullptr;         // condition, value, start
     FastExpression* stop = nullptr;
