@@ -99,6 +99,16 @@ public:
         throw CompileError{message, static_cast<std::int32_t>(token)};
     }
 
+    // A node's height from its children's, once they are attached.
+    static FastExpression* measured(FastExpression* n) {
+        std::uint32_t h = 0;
+        if (n->left) h = std::max(h, n->left->height);
+        if (n->right) h = std::max(h, n->right->height);
+        for (const FastExpression* item : n->items) h = std::max(h, item->height);
+        n->height = h + 1;
+        return n;
+    }
+
     FastExpression* node(Op op, std::int32_t token) {
         FastExpression& n = m_chunk.nodes.emplace_back();
         n.op = op;
@@ -139,7 +149,7 @@ public:
         n->left = container;
         StringObject* object = constantKey(key);
         n->constant = Variable::fromString(object);
-        return n;
+        return measured(n);
     }
 
     // expression -> unary { binop expression }   (precedence climbing)
@@ -156,7 +166,7 @@ public:
             FastExpression* n = node(kClassOp[cls], opToken);
             n->left = left;
             n->right = right;
-            left = n;
+            left = measured(n);
         }
         --m_depth;
         return left;
@@ -182,13 +192,14 @@ public:
             }
             FastExpression* n = node(op, opToken);
             n->left = operand;
-            return n;
+            return measured(n);
         }
         return postfix(primary());
     }
 
     // postfix -> primary { '[' expression ']' | '(' arguments ')' }
     FastExpression* postfix(FastExpression* value) {
+        int suffixes = 0;  // each one is a level of evaluation
         while (!atEnd()) {
             const std::string& t = peek();
             if (t == "[") {
@@ -202,12 +213,12 @@ public:
                     n->left = value;
                     StringObject* object = constantKey(key->constant.asString());
                     n->constant = Variable::fromString(object);
-                    value = n;
+                    value = measured(n);
                 } else {
                     FastExpression* n = node(Op::Index, open);
                     n->left = value;
                     n->right = key;
-                    value = n;
+                    value = measured(n);
                 }
             } else if (t == "(") {
                 FastExpression* n = node(Op::Call, static_cast<std::int32_t>(pos));
@@ -230,10 +241,11 @@ public:
                         fail("Expected ',' or ')' after function argument");
                     }
                 }
-                value = n;
+                value = measured(n);
             } else {
                 break;
             }
+            if (++suffixes > kMaxExpressionDepth) fail("Expression nested too deeply");
         }
         return value;
     }
@@ -298,7 +310,7 @@ public:
             if (atEnd()) fail("Expected ',' or ']' in array literal");
             if (peek() == "]") {
                 ++pos;
-                return n;
+                return measured(n);
             }
             n->items.push_back(expression());
             if (atEnd()) fail("Expected ',' or ']' in array literal");
@@ -308,7 +320,7 @@ public:
             }
             if (peek() == "]") {
                 ++pos;
-                return n;
+                return measured(n);
             }
             fail("Expected ',' or ']' in array literal");
         }
@@ -323,7 +335,7 @@ public:
             if (atEnd()) fail("Unexpected end of table literal");
             if (peek() == "}") {
                 ++pos;
-                return n;
+                return measured(n);
             }
             const std::string& k = peek();
             if (k == "[") {
@@ -354,7 +366,7 @@ public:
             }
             if (peek() == "}") {
                 ++pos;
-                return n;
+                return measured(n);
             }
             fail("Expected ',' or '}' in table literal");
         }

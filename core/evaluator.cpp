@@ -11,6 +11,9 @@ namespace korvel {
 
 namespace {
 
+// Trees taller than this are operator chains walked in a loop (see evalChain).
+constexpr std::uint32_t kChainHeight = 32;
+
 inline std::int32_t wrapAdd(std::int32_t a, std::int32_t b) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
 }
@@ -77,6 +80,7 @@ struct SlotReservation {
     const Variable& right = operand(n->right, rightScratch);
 
 bool Interpreter::evalCondition(const FastExpression* n) {
+    if (n->height > kChainHeight) return isTruthy(eval(n));
     if (n->scalar) {
         std::uint64_t bits = n->scalar(*this, n);
         if (bits != Variable::kNotScalar) {
@@ -124,7 +128,70 @@ void Interpreter::noteScalarMiss(const FastExpression* n) {
     if (++n->scalarMisses > 32) n->scalar = nullptr;
 }
 
+namespace {
+
+bool isChainOperator(Op op) {
+    switch (op) {
+    case Op::Or: case Op::And: case Op::Eq: case Op::Ne: case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge:
+    case Op::Add: case Op::Sub: case Op::Mul: case Op::Div: case Op::IDiv: case Op::Mod: return true;
+    default: return false;
+    }
+}
+
+char operatorCharacter(Op op) {
+    switch (op) {
+    case Op::Add: return '+';
+    case Op::Sub: return '-';
+    case Op::Mul: return '*';
+    case Op::Div: return '/';
+    case Op::IDiv: return '\\';
+    default: return '%';
+    }
+}
+
+}  // namespace
+
+Variable Interpreter::evalChain(const FastExpression* n) {
+    std::vector<const FastExpression*> spine;
+    const FastExpression* bottom = n;
+    while (isChainOperator(bottom->op) && bottom->height > kChainHeight) {
+        spine.push_back(bottom);
+        bottom = bottom->left;
+    }
+    Variable value = eval(bottom);
+    for (auto it = spine.rbegin(); it != spine.rend(); ++it) {
+        const FastExpression* step = *it;
+        if (step->op == Op::Or) {
+            if (!isTruthy(value)) value = eval(step->right);
+            continue;
+        }
+        if (step->op == Op::And) {
+            if (isTruthy(value)) value = eval(step->right);
+            continue;
+        }
+        Variable right = eval(step->right);
+        errorToken = step->token;
+        switch (step->op) {
+        case Op::Eq: value = Variable(variablesEqual(value, right)); break;
+        case Op::Ne: value = Variable(!variablesEqual(value, right)); break;
+        case Op::Lt: value = Variable(compareVariables(value, right) < 0); break;
+        case Op::Gt: value = Variable(compareVariables(value, right) > 0); break;
+        case Op::Le: value = Variable(compareVariables(value, right) <= 0); break;
+        case Op::Ge: value = Variable(compareVariables(value, right) >= 0); break;
+        case Op::Add:
+            if (value.type() == VarType::String) {
+                right.appendTo(value.mutableString());  // a long concatenation grows one string
+                break;
+            }
+            [[fallthrough]];
+        default: value = performOperation(value, operatorCharacter(step->op), right); break;
+        }
+    }
+    return value;
+}
+
 Variable Interpreter::evalSlow(const FastExpression* n) {
+    if (n->height > kChainHeight && isChainOperator(n->op)) return evalChain(n);
     switch (n->op) {
     case Op::Const: return n->constant;
     case Op::Local: {

@@ -582,11 +582,21 @@ std::string Interpreter::formatReport(const Chunk& chunk, std::int32_t sourceLin
     } else {
         report += chunk.parsed.name + ":" + std::to_string(sourceLine);
     }
-    if (!token.empty()) report += ", near token '" + token + "'";
+    if (!token.empty()) report += ", near token '" + (token.size() > 60 ? token.substr(0, 60) + "..." : token) + "'";
     report += '\n';
     std::string text;
     if (sourceLine >= 1 && static_cast<std::size_t>(sourceLine) <= chunk.parsed.sourceLines.size())
         text = chunk.parsed.sourceLines[static_cast<std::size_t>(sourceLine - 1)];
+    // A very long line is shown as a window around the failing column.
+    constexpr std::size_t kShownWidth = 160;
+    if (text.size() > kShownWidth) {
+        std::size_t at = column >= 0 ? static_cast<std::size_t>(column) : 0;
+        std::size_t start = at > kShownWidth / 2 ? at - kShownWidth / 2 : 0;
+        std::string window = (start > 0 ? "..." : "") + text.substr(start, kShownWidth) +
+                             (start + kShownWidth < text.size() ? "..." : "");
+        if (column >= 0) column = static_cast<std::int32_t>(at - start + (start > 0 ? 3 : 0));
+        text = std::move(window);
+    }
     report += "  " + text + "\n  ";
     if (column >= 0) {
         // Tabs stay tabs so the caret lines up under the token however the terminal shows them.

@@ -55,6 +55,7 @@ struct FastExpression {
     mutable std::uint8_t scalarMisses = 0;
     std::uint64_t constantBits = Variable::kNotScalar;  // Const: the constant's scalar bits
     std::int32_t token = -1;  // the token an error report points at
+    std::uint32_t height = 1; // levels of the tree below and including this node
     NameRef* name = nullptr;
     FastExpression* left = nullptr;
     FastExpression* right = nullptr;
@@ -242,6 +243,9 @@ public:
         return evalSlow(n);
     }
     Variable evalSlow(const FastExpression* node);
+    // A long chain of left-associative operators (a + b + c + ...), evaluated bottom-up in a
+    // loop so that its length never turns into recursion depth.
+    Variable evalChain(const FastExpression* node);
     void noteScalarMiss(const FastExpression* node);
     bool evalCondition(const FastExpression* node);
     // A leaf's value without a copy where possible; otherwise evaluated into scratch.

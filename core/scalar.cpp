@@ -243,10 +243,34 @@ Bits scalarIndexKey(Interpreter& vm, const FastExpression* n) {
 
 bool isLeaf(const FastExpression* n) { return n->op == Op::Local || n->op == Op::Global; }
 
+constexpr std::uint32_t kScalarHeight = 24;
+
 }  // namespace
 
 bool assignScalarFunctions(FastExpression* n) {
     if (!n) return false;
+    if (n->height > kScalarHeight) {
+        // Tall trees (long operator chains) stay with the general evaluator, which walks them
+        // in a loop; their short branches still get scalar functions. No recursion down the
+        // tall part.
+        std::vector<FastExpression*> work{n};
+        while (!work.empty()) {
+            FastExpression* node = work.back();
+            work.pop_back();
+            auto visit = [&](FastExpression* child) {
+                if (!child) return;
+                if (child->height > kScalarHeight) {
+                    work.push_back(child);
+                } else {
+                    assignScalarFunctions(child);
+                }
+            };
+            visit(node->left);
+            visit(node->right);
+            for (FastExpression* item : node->items) visit(item);
+        }
+        return false;
+    }
     // Children first, so every node in a tree is considered.
     bool left = assignScalarFunctions(n->left);
     bool right = assignScalarFunctions(n->right);
