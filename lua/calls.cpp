@@ -107,7 +107,12 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
             m_stack[m_top++] = std::move(value);
         }
     }
-    invoke(callee, base, m_top - base, call->line);
+    if (callee.kind() == Kind::Function && callee.asFunction()->proto) {
+        m_currentLine = call->line;
+        callScript(callee.asFunction(), base, m_top - base);
+    } else {
+        invoke(callee, base, m_top - base, call->line);
+    }
     return m_returns.empty() ? Value() : std::move(m_returns[0]);
 }
 

@@ -143,6 +143,10 @@ public:
         m_kind = Kind::Integer;
         m_payload.integer = value;
     }
+    void reset() {
+        if (isObject()) releaseObject(m_payload.object);
+        m_kind = Kind::Nil;
+    }
     void setFloat(double value) {
         if (isObject()) releaseObject(m_payload.object);
         m_kind = Kind::Float;

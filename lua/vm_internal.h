@@ -111,7 +111,7 @@ struct LuaVM::Impl {
         m_stack[m_top++] = std::move(value);
     }
     void popTo(std::size_t top) {
-        while (m_top > top) m_stack[--m_top] = Value();
+        while (m_top > top) m_stack[--m_top].reset();
     }
 
     Value index(const Value& object, const Value& key, std::uint32_t line);
