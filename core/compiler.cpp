@@ -464,12 +464,24 @@ public:
 
 private:
     // Assigns lines to prototypes; a function body's lines belong to its own prototype.
-    void buildProto(FunctionProto& proto) {
+    // Nested declarations are followed with an explicit stack, however deep they go.
+    void buildProto(FunctionProto& root) {
         auto& lines = m_chunk.parsed.lines;
-        for (std::int32_t i = proto.bodyBegin; i < proto.bodyEnd; ++i) {
-            m_owner[static_cast<std::size_t>(i)] = &proto;
+        struct Pending {
+            FunctionProto* proto;
+            std::int32_t next;
+        };
+        std::vector<Pending> stack{{&root, root.bodyBegin}};
+        while (!stack.empty()) {
+            FunctionProto* proto = stack.back().proto;
+            std::int32_t i = stack.back().next;
+            if (i >= proto->bodyEnd) {
+                stack.pop_back();
+                continue;
+            }
+            m_owner[static_cast<std::size_t>(i)] = proto;
             const ParsedScriptLine& line = lines[static_cast<std::size_t>(i)];
-            if (isFunctionKind(line.kind) && line.endIndex > i && line.endIndex <= proto.bodyEnd) {
+            if (isFunctionKind(line.kind) && line.endIndex > i && line.endIndex <= proto->bodyEnd) {
                 auto child = std::make_unique<FunctionProto>();
                 child->chunk = &m_chunk;
                 child->declLine = i;
@@ -478,8 +490,10 @@ private:
                 FunctionProto* raw = child.get();
                 m_chunk.protos.push_back(std::move(child));
                 m_chunk.lines[static_cast<std::size_t>(i)].proto = raw;
-                buildProto(*raw);
-                i = line.endIndex - 1;  // the end line itself belongs to this prototype
+                stack.back().next = line.endIndex;  // the end line itself belongs to this prototype
+                stack.push_back({raw, i + 1});
+            } else {
+                stack.back().next = i + 1;
             }
         }
     }

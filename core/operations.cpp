@@ -158,16 +158,7 @@ Variable performPentationOperation(const Variable& base, const Variable& count) 
     return integralOrFloat(result);
 }
 
-std::int64_t numericTableLength(const Table& table) {
-    std::int64_t n = 0;
-    char buffer[24];
-    while (true) {
-        auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, n + 1);
-        (void)ec;
-        if (!table.find(std::string_view(buffer, static_cast<std::size_t>(end - buffer)))) return n;
-        ++n;
-    }
-}
+std::int64_t numericTableLength(const Table& table) { return table.sequenceLength(); }
 
 std::int64_t arrayLength(const Variable& value) {
     switch (value.type()) {

@@ -1,6 +1,7 @@
 #include "core/table.h"
 
 #include <bit>
+#include <charconv>
 
 namespace korvel {
 
@@ -102,8 +103,32 @@ Variable& Table::getOrInsert(StringObject* key) {
     return insertNew(key, key->hashValue());
 }
 
+namespace {
+// The positive integer a key names ("7"), or 0 for any other key ("07", "x", "-1").
+std::int64_t sequenceNumber(std::string_view key) {
+    if (key.empty() || key.size() > 18 || key[0] < '1' || key[0] > '9') return 0;
+    std::int64_t n = 0;
+    for (char c : key) {
+        if (c < '0' || c > '9') return 0;
+        n = n * 10 + (c - '0');
+    }
+    return n;
+}
+}  // namespace
+
+std::int64_t Table::sequenceLength() const {
+    char buffer[24];
+    while (true) {
+        auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, m_sequence + 1);
+        (void)ec;
+        if (!find(std::string_view(buffer, static_cast<std::size_t>(end - buffer)))) return m_sequence;
+        ++m_sequence;
+    }
+}
+
 bool Table::erase(std::string_view key) {
     if (m_index.empty()) return false;
+    if (std::int64_t n = sequenceNumber(key); n >= 1 && n <= m_sequence) m_sequence = n - 1;
     std::uint32_t hash = hashBytes(key);
     std::size_t mask = m_index.size() - 1;
     for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask) {
@@ -128,6 +153,7 @@ void Table::clear() {
     m_entries.clear();
     m_index.clear();
     m_live = 0;
+    m_sequence = 0;
     ++m_version;
 }
 

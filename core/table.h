@@ -38,6 +38,9 @@ public:
     void reserve(std::size_t count);
 
     std::size_t size() const noexcept { return m_live; }
+    // How many keys "1", "2", ... are present in a row from "1". Remembered between calls and
+    // extended from where it stopped, so appending with t[#t + 1] stays linear.
+    std::int64_t sequenceLength() const;
     std::uint32_t version() const noexcept { return m_version; }
     void markMutated() noexcept { ++m_version; }
 
@@ -54,6 +57,7 @@ private:
     std::vector<std::int32_t> m_index;  // entry number, -1 for an empty slot; size a power of two
     std::uint32_t m_live = 0;
     std::uint32_t m_version = 0;
+    mutable std::int64_t m_sequence = 0;  // keys "1".."m_sequence" are all present
 };
 
 struct TableObject : TrackedObject {
