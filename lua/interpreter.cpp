@@ -266,33 +266,7 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
         if (left.isTruthy()) return left;
         return eval(binary->right, frame);
     }
-    case ExprKind::Table: {
-        auto* constructor = static_cast<const TableExpr*>(expr);
-        auto* table = new Table();
-        Value result = Value::object(table);
-        if (constructor->positionalCount > 0) table->arrayPart().reserve(constructor->positionalCount);
-        std::int64_t position = 0;
-        for (std::size_t i = 0; i < constructor->fields.size(); ++i) {
-            const TableField& field = constructor->fields[i];
-            if (field.form == TableField::Form::Positional) {
-                bool last = i + 1 == constructor->fields.size();
-                if (last && field.value->kind == ExprKind::Call && !static_cast<const CallExpr*>(field.value)->parenthesised) {
-                    std::size_t base = m_top;
-                    evalCallToStack(static_cast<const CallExpr*>(field.value), frame);
-                    for (std::size_t k = base; k < m_top; ++k) table->setInteger(++position, m_stack[k]);
-                    popTo(base);
-                } else {
-                    table->setInteger(++position, eval(field.value, frame));
-                }
-                continue;
-            }
-            Value rawKey = eval(field.key, frame);
-            Value key;
-            if (!tryMakeKeyFromValue(rawKey, key)) failRuntime(field.key->line, "table keys must be numbers, strings, or booleans");
-            table->set(key, eval(field.value, frame));
-        }
-        return result;
-    }
+    case ExprKind::Table: return evalTable(expr, frame);
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(expr);
         Value objectScratch;
@@ -558,73 +532,8 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
         }
         return Flow::Normal;
     }
-    case StmtKind::NumericFor: {
-        auto* loop = static_cast<const NumericForStmt*>(statement);
-        Value start = eval(loop->start, frame);
-        Value limit = eval(loop->limit, frame);
-        Value step = loop->step ? eval(loop->step, frame) : Value::integer(1);
-        if (!start.isNumber() || !limit.isNumber() || !step.isNumber()) {
-            failRuntime(statement->line, "numeric for loop expects numeric bounds");
-        }
-        if (step.toDouble() == 0.0) failRuntime(statement->line, "numeric for step cannot be zero");
-        const LocalInfo* variable = loop->variable;
-        if (start.kind() == Kind::Integer && limit.kind() == Kind::Integer && step.kind() == Kind::Integer) {
-            // Integer bounds count exactly; the iteration count is computed up front so the
-            // counter never overflows.
-            std::int64_t first = start.asInteger(), last = limit.asInteger(), increment = step.asInteger();
-            if (increment > 0 ? first > last : first < last) return Flow::Normal;
-            std::uint64_t span = increment > 0 ? static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first)
-                                               : static_cast<std::uint64_t>(first) - static_cast<std::uint64_t>(last);
-            std::uint64_t stride = increment > 0 ? static_cast<std::uint64_t>(increment)
-                                                 : 0ULL - static_cast<std::uint64_t>(increment);
-            std::uint64_t remaining = span / stride;
-            std::int64_t current = first;
-            Value* slot = &frame.slots[variable->slot];
-            while (true) {
-                countStep();
-                if (variable->captured) storeLocal(frame.slots, variable, Value::integer(current));
-                else slot->setInteger(current);
-                Flow flow = execBlock(loop->body, frame);
-                if (flow == Flow::Break) break;
-                if (flow == Flow::Return) return flow;
-                if (remaining-- == 0) break;
-                current = wrapAdd(current, increment);
-            }
-            return Flow::Normal;
-        }
-        double current = start.toDouble(), last = limit.toDouble(), increment = step.toDouble();
-        while (increment > 0 ? current <= last : current >= last) {
-            countStep();
-            storeLocal(frame.slots, variable, numericResult(current));
-            Flow flow = execBlock(loop->body, frame);
-            if (flow == Flow::Break) break;
-            if (flow == Flow::Return) return flow;
-            current += increment;
-        }
-        return Flow::Normal;
-    }
-    case StmtKind::GenericFor: {
-        auto* loop = static_cast<const GenericForStmt*>(statement);
-        std::size_t base = m_top;
-        pushExpressionList(loop->iterators, frame);
-        Value iteratorValue = m_top > base ? m_stack[base] : Value();
-        popTo(base);
-        if (iteratorValue.kind() != Kind::Iterator) failRuntime(statement->line, "generic for loop expects an iterator");
-        IteratorObject* iterator = iteratorValue.asIterator();
-        MultiValue item;
-        while (true) {
-            item.clear();
-            if (!nextIteratorItem(*this, iterator, item, statement->line)) break;
-            countStep();
-            for (std::size_t i = 0; i < loop->variables.size(); ++i) {
-                storeLocal(frame.slots, loop->variables[i], i < item.size() ? std::move(item[i]) : Value());
-            }
-            Flow flow = execBlock(loop->body, frame);
-            if (flow == Flow::Break) break;
-            if (flow == Flow::Return) return flow;
-        }
-        return Flow::Normal;
-    }
+    case StmtKind::NumericFor: return execNumericFor(statement, frame);
+    case StmtKind::GenericFor: return execGenericFor(statement, frame);
     case StmtKind::Return: {
         auto* returning = static_cast<const ReturnStmt*>(statement);
         if (returning->values.size() == 1 && returning->values[0]->kind != ExprKind::Call) {
@@ -641,6 +550,104 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     case StmtKind::Break: return Flow::Break;
     }
     failRuntime(statement->line, "unsupported statement");
+}
+
+// Kept out of exec so the per-statement dispatch stays small.
+Impl::Flow Impl::execNumericFor(const Stmt* statement, Frame& frame) {
+    auto* loop = static_cast<const NumericForStmt*>(statement);
+    Value start = eval(loop->start, frame);
+    Value limit = eval(loop->limit, frame);
+    Value step = loop->step ? eval(loop->step, frame) : Value::integer(1);
+    if (!start.isNumber() || !limit.isNumber() || !step.isNumber()) {
+        failRuntime(statement->line, "numeric for loop expects numeric bounds");
+    }
+    if (step.toDouble() == 0.0) failRuntime(statement->line, "numeric for step cannot be zero");
+    const LocalInfo* variable = loop->variable;
+    if (start.kind() == Kind::Integer && limit.kind() == Kind::Integer && step.kind() == Kind::Integer) {
+        // Integer bounds count exactly; the iteration count is computed up front so the
+        // counter never overflows.
+        std::int64_t first = start.asInteger(), last = limit.asInteger(), increment = step.asInteger();
+        if (increment > 0 ? first > last : first < last) return Flow::Normal;
+        std::uint64_t span = increment > 0 ? static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first)
+                                           : static_cast<std::uint64_t>(first) - static_cast<std::uint64_t>(last);
+        std::uint64_t stride = increment > 0 ? static_cast<std::uint64_t>(increment)
+                                             : 0ULL - static_cast<std::uint64_t>(increment);
+        std::uint64_t remaining = span / stride;
+        std::int64_t current = first;
+        Value* slot = &frame.slots[variable->slot];
+        while (true) {
+            countStep();
+            if (variable->captured) storeLocal(frame.slots, variable, Value::integer(current));
+            else slot->setInteger(current);
+            Flow flow = execBlock(loop->body, frame);
+            if (flow == Flow::Break) break;
+            if (flow == Flow::Return) return flow;
+            if (remaining-- == 0) break;
+            current = wrapAdd(current, increment);
+        }
+        return Flow::Normal;
+    }
+    double current = start.toDouble(), last = limit.toDouble(), increment = step.toDouble();
+    while (increment > 0 ? current <= last : current >= last) {
+        countStep();
+        storeLocal(frame.slots, variable, numericResult(current));
+        Flow flow = execBlock(loop->body, frame);
+        if (flow == Flow::Break) break;
+        if (flow == Flow::Return) return flow;
+        current += increment;
+    }
+    return Flow::Normal;
+}
+
+Impl::Flow Impl::execGenericFor(const Stmt* statement, Frame& frame) {
+    auto* loop = static_cast<const GenericForStmt*>(statement);
+    std::size_t base = m_top;
+    pushExpressionList(loop->iterators, frame);
+    Value iteratorValue = m_top > base ? m_stack[base] : Value();
+    popTo(base);
+    if (iteratorValue.kind() != Kind::Iterator) failRuntime(statement->line, "generic for loop expects an iterator");
+    IteratorObject* iterator = iteratorValue.asIterator();
+    MultiValue item;
+    while (true) {
+        item.clear();
+        if (!nextIteratorItem(*this, iterator, item, statement->line)) break;
+        countStep();
+        for (std::size_t i = 0; i < loop->variables.size(); ++i) {
+            storeLocal(frame.slots, loop->variables[i], i < item.size() ? std::move(item[i]) : Value());
+        }
+        Flow flow = execBlock(loop->body, frame);
+        if (flow == Flow::Break) break;
+        if (flow == Flow::Return) return flow;
+    }
+    return Flow::Normal;
+}
+
+Value Impl::evalTable(const Expr* expr, Frame& frame) {
+    auto* constructor = static_cast<const TableExpr*>(expr);
+    auto* table = new Table();
+    Value result = Value::object(table);
+    if (constructor->positionalCount > 0) table->arrayPart().reserve(constructor->positionalCount);
+    std::int64_t position = 0;
+    for (std::size_t i = 0; i < constructor->fields.size(); ++i) {
+        const TableField& field = constructor->fields[i];
+        if (field.form == TableField::Form::Positional) {
+            bool last = i + 1 == constructor->fields.size();
+            if (last && field.value->kind == ExprKind::Call && !static_cast<const CallExpr*>(field.value)->parenthesised) {
+                std::size_t base = m_top;
+                evalCallToStack(static_cast<const CallExpr*>(field.value), frame);
+                for (std::size_t k = base; k < m_top; ++k) table->setInteger(++position, m_stack[k]);
+                popTo(base);
+            } else {
+                table->setInteger(++position, eval(field.value, frame));
+            }
+            continue;
+        }
+        Value rawKey = eval(field.key, frame);
+        Value key;
+        if (!tryMakeKeyFromValue(rawKey, key)) failRuntime(field.key->line, "table keys must be numbers, strings, or booleans");
+        table->set(key, eval(field.value, frame));
+    }
+    return result;
 }
 
 } // namespace korvel::lua

@@ -98,6 +98,9 @@ struct LuaVM::Impl {
     void evalList(const std::vector<Expr*>& expressions, Frame& frame, MultiValue& out);
     Flow execBlock(const std::vector<Stmt*>& block, Frame& frame);
     Flow exec(const Stmt* statement, Frame& frame);
+    [[gnu::noinline]] Flow execNumericFor(const Stmt* statement, Frame& frame);
+    [[gnu::noinline]] Flow execGenericFor(const Stmt* statement, Frame& frame);
+    [[gnu::noinline]] Value evalTable(const Expr* expr, Frame& frame);
 
     // Calls: arguments sit on the value stack from `base`; results land in m_returns.
     void evalCallToStack(const CallExpr* call, Frame& frame);
