@@ -72,23 +72,23 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         callee = eval(call->callee, frame);
         // math.sqrt and friends on one number: no stack traffic, no result list.
         if (call->arguments.size() == 1 && callee.kind() == Kind::Function && callee.asFunction()->numericFunction) {
-            Scalar argument;
+            Number argument;
             Value scratch;
             const Expr* argumentExpr = call->arguments[0];
-            bool isNumber = false;
-            if (argumentExpr->pure && scalarOperand(*this, argumentExpr, frame, argument)) {
-                isNumber = true;
-            } else if (argumentExpr->kind != ExprKind::Call) {
+            if (argumentExpr->pure) {
+                argument = numberOperand(*this, argumentExpr, frame);
+            }
+            if (argument.tag == kNotANumber && argumentExpr->kind != ExprKind::Call) {
                 scratch = eval(argumentExpr, frame);
-                isNumber = loadScalar(scratch, argument);
-            } else {
+                argument = numberOf(scratch);
+            } else if (argument.tag == kNotANumber) {
                 pushValue(eval(argumentExpr, frame));
                 invoke(callee, base, m_top - base, call->line);
                 return m_returns.empty() ? Value() : std::move(m_returns[0]);
             }
-            if (isNumber) {
+            if (argument.tag != kNotANumber) {
                 countStep();
-                return numericResult(callee.asFunction()->numericFunction(argument.toDouble()));
+                return numericResult(callee.asFunction()->numericFunction(numberAsDouble(argument)));
             }
             pushValue(std::move(scratch));
             invoke(callee, base, m_top - base, call->line);

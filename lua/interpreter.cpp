@@ -139,30 +139,32 @@ inline bool isArithmetic(const Expr* expr) {
 // Stores a pure arithmetic result straight into a slot; false when the general path must run.
 inline bool storeScalar(Impl& vm, const Expr* value, Impl::Frame& frame, Value& slot) {
     if (!value->pure || !isArithmetic(value)) return false;
-    Impl::Scalar result;
-    if (!vm.evalScalar(value, frame, result)) return false;
-    if (result.isInteger) slot.setInteger(result.integer);
-    else slot.setFloat(result.number);
+    Number result = vm.evalNumber(value, frame);
+    if (result.tag == Impl::kIntegerNumber) slot.setInteger(result.bits);
+    else if (result.tag == Impl::kFloatNumber) slot.setFloat(std::bit_cast<double>(result.bits));
+    else return false;
     return true;
 }
 
 // Both operands pure numbers: compares without building Values. False when not both numbers.
 inline bool scalarCompare(Impl& vm, const BinaryExpr* binary, Impl::Frame& frame, bool& outcome) {
     if (!binary->left->pure || !binary->right->pure) return false;
-    Impl::Scalar a, b;
-    if (!scalarOperand(vm, binary->left, frame, a) || !scalarOperand(vm, binary->right, frame, b)) return false;
-    if (a.isInteger && b.isInteger) {
+    Number a = numberOperand(vm, binary->left, frame);
+    if (a.tag == Impl::kNotANumber) return false;
+    Number b = numberOperand(vm, binary->right, frame);
+    if (b.tag == Impl::kNotANumber) return false;
+    if (a.tag == Impl::kIntegerNumber && b.tag == Impl::kIntegerNumber) {
         switch (binary->kind) {
-        case ExprKind::Equal: outcome = a.integer == b.integer; return true;
-        case ExprKind::NotEqual: outcome = a.integer != b.integer; return true;
-        case ExprKind::Less: outcome = a.integer < b.integer; return true;
-        case ExprKind::LessEqual: outcome = a.integer <= b.integer; return true;
-        case ExprKind::Greater: outcome = a.integer > b.integer; return true;
-        default: outcome = a.integer >= b.integer; return true;
+        case ExprKind::Equal: outcome = a.bits == b.bits; return true;
+        case ExprKind::NotEqual: outcome = a.bits != b.bits; return true;
+        case ExprKind::Less: outcome = a.bits < b.bits; return true;
+        case ExprKind::LessEqual: outcome = a.bits <= b.bits; return true;
+        case ExprKind::Greater: outcome = a.bits > b.bits; return true;
+        default: outcome = a.bits >= b.bits; return true;
         }
     }
-    double x = a.toDouble(), y = b.toDouble();
-    bool equal = a.isInteger == b.isInteger ? x == y : (x - y <= kIntegralTolerance && y - x <= kIntegralTolerance);
+    double x = numberAsDouble(a), y = numberAsDouble(b);
+    bool equal = a.tag == b.tag ? x == y : (x - y <= kIntegralTolerance && y - x <= kIntegralTolerance);
     switch (binary->kind) {
     case ExprKind::Equal: outcome = equal; return true;
     case ExprKind::NotEqual: outcome = !equal; return true;
@@ -202,8 +204,8 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     case ExprKind::Subtract:
     case ExprKind::Multiply: {
         if (expr->pure) {
-            Scalar result;
-            if (evalScalar(expr, frame, result)) return result.isInteger ? Value::integer(result.integer) : Value::number(result.number);
+            Number result = evalNumber(expr, frame);
+            if (result.tag != kNotANumber) return numberToValue(result);
         }
         auto* binary = static_cast<const BinaryExpr*>(expr);
         Value leftScratch, rightScratch;
@@ -224,8 +226,8 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     case ExprKind::Divide:
     case ExprKind::Modulo: {
         if (expr->pure) {
-            Scalar result;
-            if (evalScalar(expr, frame, result)) return result.isInteger ? Value::integer(result.integer) : Value::number(result.number);
+            Number result = evalNumber(expr, frame);
+            if (result.tag != kNotANumber) return numberToValue(result);
         }
         auto* binary = static_cast<const BinaryExpr*>(expr);
         Value leftScratch, rightScratch;

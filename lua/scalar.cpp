@@ -11,65 +11,82 @@ using Impl = LuaVM::Impl;
 
 namespace {
 
-inline void floatResult(double value, Impl::Scalar& out) {
-    std::int64_t integral = 0;
-    if (floatToIntegral(value, integral)) {
-        out.isInteger = true;
-        out.integer = integral;
-    } else {
-        out.isInteger = false;
-        out.number = value;
+const Value* tableOperand(Impl& vm, const Expr* objectExpr, Impl::Frame& frame, Value& scratch) {
+    if (objectExpr->kind == ExprKind::Local) return &frame.slots[static_cast<const VariableExpr*>(objectExpr)->index];
+    scratch = vm.eval(objectExpr, frame);
+    return &scratch;
+}
+
+Number integerArithmetic(ExprKind op, std::int64_t left, std::int64_t right) {
+    auto a = static_cast<std::uint64_t>(left), b = static_cast<std::uint64_t>(right);
+    switch (op) {
+    case ExprKind::Add: return integerNumber(static_cast<std::int64_t>(a + b));
+    case ExprKind::Subtract: return integerNumber(static_cast<std::int64_t>(a - b));
+    case ExprKind::Multiply: return integerNumber(static_cast<std::int64_t>(a * b));
+    case ExprKind::Modulo: {
+        if (right == 0) return Number{};
+        if (right == -1) return integerNumber(0);
+        std::int64_t remainder = left % right;
+        if (remainder != 0 && ((remainder < 0) != (right < 0))) remainder += right;
+        return integerNumber(remainder);
+    }
+    default: {
+        if (right == 0) return Number{};
+        if (right != -1 && left % right == 0) return integerNumber(left / right);
+        return numericNumber(static_cast<double>(left) / static_cast<double>(right));
+    }
+    }
+}
+
+Number floatArithmetic(ExprKind op, double a, double b) {
+    switch (op) {
+    case ExprKind::Add: return numericNumber(a + b);
+    case ExprKind::Subtract: return numericNumber(a - b);
+    case ExprKind::Multiply: return numericNumber(a * b);
+    case ExprKind::Divide:
+        if (b == 0.0) return Number{};
+        return numericNumber(a / b);
+    default: {
+        if (b == 0.0) return Number{};
+        double remainder = std::fmod(a, b);
+        if (remainder != 0.0 && ((remainder < 0.0) != (b < 0.0))) remainder += b;
+        return numericNumber(remainder);
+    }
     }
 }
 
 } // namespace
 
-bool Impl::evalScalar(const Expr* expr, Frame& frame, Scalar& out) {
+Number Impl::evalNumber(const Expr* expr, Frame& frame) {
     switch (expr->kind) {
-    case ExprKind::Constant: return loadScalar(static_cast<const ConstantExpr*>(expr)->value, out);
-    case ExprKind::Local: return loadScalar(frame.slots[static_cast<const VariableExpr*>(expr)->index], out);
-    case ExprKind::BoxedLocal:
-        return loadScalar(frame.slots[static_cast<const VariableExpr*>(expr)->index].asBox()->value, out);
-    case ExprKind::Upvalue:
-        return loadScalar(frame.closure->upvalues[static_cast<const VariableExpr*>(expr)->index].asBox()->value, out);
-    case ExprKind::Global: return loadScalar(m_globals.at(static_cast<const VariableExpr*>(expr)->index), out);
+    case ExprKind::Constant: return numberOf(static_cast<const ConstantExpr*>(expr)->value);
+    case ExprKind::Local: return numberOf(frame.slots[static_cast<const VariableExpr*>(expr)->index]);
+    case ExprKind::BoxedLocal: return numberOf(frame.slots[static_cast<const VariableExpr*>(expr)->index].asBox()->value);
+    case ExprKind::Upvalue: return numberOf(frame.closure->upvalues[static_cast<const VariableExpr*>(expr)->index].asBox()->value);
+    case ExprKind::Global: return numberOf(m_globals.at(static_cast<const VariableExpr*>(expr)->index));
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(expr);
-        const Expr* objectExpr = field->object;
-        const Value* object = nullptr;
         Value scratch;
-        if (objectExpr->kind == ExprKind::Local) {
-            object = &frame.slots[static_cast<const VariableExpr*>(objectExpr)->index];
-        } else {
-            scratch = eval(objectExpr, frame);
-            object = &scratch;
-        }
-        if (object->kind() != Kind::Table) return false;
+        const Value* object = tableOperand(*this, field->object, frame, scratch);
+        if (object->kind() != Kind::Table) return Number{};
         const Value* slot = object->asTable()->findStringCached(field->name.asString(), field->cacheHint);
-        return slot && loadScalar(*slot, out);
+        return slot ? numberOf(*slot) : Number{};
     }
     case ExprKind::Index: {
         auto* indexing = static_cast<const IndexExpr*>(expr);
-        Scalar key;
-        if (!scalarOperand(*this, indexing->key, frame, key) || !key.isInteger) return false;
-        const Expr* objectExpr = indexing->object;
-        const Value* object = nullptr;
+        Number key = numberOperand(*this, indexing->key, frame);
+        if (key.tag != kIntegerNumber) return Number{};
         Value scratch;
-        if (objectExpr->kind == ExprKind::Local) {
-            object = &frame.slots[static_cast<const VariableExpr*>(objectExpr)->index];
-        } else {
-            scratch = eval(objectExpr, frame);
-            object = &scratch;
-        }
-        if (object->kind() != Kind::Table) return false;
-        const Value* slot = object->asTable()->findInteger(key.integer);
-        return slot && loadScalar(*slot, out);
+        const Value* object = tableOperand(*this, indexing->object, frame, scratch);
+        if (object->kind() != Kind::Table) return Number{};
+        const Value* slot = object->asTable()->findInteger(key.bits);
+        return slot ? numberOf(*slot) : Number{};
     }
     case ExprKind::Negate: {
-        if (!evalScalar(static_cast<const UnaryExpr*>(expr)->operand, frame, out)) return false;
-        if (out.isInteger) out.integer = static_cast<std::int64_t>(0ULL - static_cast<std::uint64_t>(out.integer));
-        else floatResult(-out.number, out);
-        return true;
+        Number operand = numberOperand(*this, static_cast<const UnaryExpr*>(expr)->operand, frame);
+        if (operand.tag == kIntegerNumber) return integerNumber(static_cast<std::int64_t>(0ULL - static_cast<std::uint64_t>(operand.bits)));
+        if (operand.tag == kFloatNumber) return numericNumber(-std::bit_cast<double>(operand.bits));
+        return Number{};
     }
     case ExprKind::Add:
     case ExprKind::Subtract:
@@ -77,58 +94,15 @@ bool Impl::evalScalar(const Expr* expr, Frame& frame, Scalar& out) {
     case ExprKind::Divide:
     case ExprKind::Modulo: {
         auto* binary = static_cast<const BinaryExpr*>(expr);
-        Scalar right;
-        if (!scalarOperand(*this, binary->left, frame, out) || !scalarOperand(*this, binary->right, frame, right)) return false;
-        if (out.isInteger && right.isInteger) {
-            auto a = static_cast<std::uint64_t>(out.integer), b = static_cast<std::uint64_t>(right.integer);
-            switch (expr->kind) {
-            case ExprKind::Add: out.integer = static_cast<std::int64_t>(a + b); return true;
-            case ExprKind::Subtract: out.integer = static_cast<std::int64_t>(a - b); return true;
-            case ExprKind::Multiply: out.integer = static_cast<std::int64_t>(a * b); return true;
-            case ExprKind::Modulo: {
-                std::int64_t divisor = right.integer;
-                if (divisor == 0) return false;
-                if (divisor == -1) {
-                    out.integer = 0;
-                    return true;
-                }
-                std::int64_t remainder = out.integer % divisor;
-                if (remainder != 0 && ((remainder < 0) != (divisor < 0))) remainder += divisor;
-                out.integer = remainder;
-                return true;
-            }
-            default: {
-                std::int64_t divisor = right.integer;
-                if (divisor == 0) return false;
-                if (divisor != -1 && out.integer % divisor == 0) {
-                    out.integer /= divisor;
-                    return true;
-                }
-                floatResult(static_cast<double>(out.integer) / static_cast<double>(divisor), out);
-                return true;
-            }
-            }
-        }
-        double a = out.toDouble(), b = right.toDouble();
-        switch (expr->kind) {
-        case ExprKind::Add: floatResult(a + b, out); return true;
-        case ExprKind::Subtract: floatResult(a - b, out); return true;
-        case ExprKind::Multiply: floatResult(a * b, out); return true;
-        case ExprKind::Divide:
-            if (b == 0.0) return false;
-            floatResult(a / b, out);
-            return true;
-        default: {
-            if (b == 0.0) return false;
-            double remainder = std::fmod(a, b);
-            if (remainder != 0.0 && ((remainder < 0.0) != (b < 0.0))) remainder += b;
-            floatResult(remainder, out);
-            return true;
-        }
-        }
+        Number left = numberOperand(*this, binary->left, frame);
+        if (left.tag == kNotANumber) return left;
+        Number right = numberOperand(*this, binary->right, frame);
+        if (right.tag == kNotANumber) return right;
+        if (left.tag == kIntegerNumber && right.tag == kIntegerNumber) return integerArithmetic(expr->kind, left.bits, right.bits);
+        return floatArithmetic(expr->kind, numberAsDouble(left), numberAsDouble(right));
     }
     default:
-        return false;
+        return Number{};
     }
 }
 

@@ -82,16 +82,17 @@ struct LuaVM::Impl {
 
     Value eval(const Expr* expr, Frame& frame);
 
-    // A number without the Value wrapper, for the numbers-only path (scalar.cpp).
-    struct Scalar {
-        bool isInteger = true;
-        std::int64_t integer = 0;
-        double number = 0.0;
-        double toDouble() const { return isInteger ? static_cast<double>(integer) : number; }
+    // A number without the Value wrapper, for the numbers-only path (scalar.cpp). Sixteen
+    // trivially copyable bytes, so it travels in registers: `tag` says none, integer or float
+    // (then `bits` holds the double's bits).
+    struct Number {
+        std::int64_t bits = 0;
+        std::uint8_t tag = 0;
     };
-    // Evaluates a pure subtree on scalars. False when a value on the way is not a number or an
-    // operation would fail; the caller then evaluates the general way, which gives the error.
-    bool evalScalar(const Expr* expr, Frame& frame, Scalar& out);
+    static constexpr std::uint8_t kNotANumber = 0, kIntegerNumber = 1, kFloatNumber = 2;
+    // Evaluates a pure subtree on numbers. kNotANumber when a value on the way is not a number or
+    // an operation would fail; the caller then evaluates the general way, which gives the error.
+    Number evalNumber(const Expr* expr, Frame& frame);
     bool evalTruth(const Expr* expr, Frame& frame);
     // Pushes the values of an expression list onto the value stack (the last one expanded).
     void pushExpressionList(const std::vector<Expr*>& expressions, Frame& frame);
