@@ -6,6 +6,8 @@
 // interpreter would.
 #include "core/interpreter_internal.h"
 
+#include <cmath>
+
 namespace korvel {
 
 namespace {
@@ -270,8 +272,12 @@ public:
             return constant(Variable(a.isTrueWord), index);
         }
         if (a.looksNumeric) {
+            if (a.isIntLiteral) {
+                ++pos;
+                return constant(Variable(a.intValue), index);
+            }
+            if (!std::isfinite(a.floatValue)) fail("Invalid numeric format");  // beyond the float range
             ++pos;
-            if (a.isIntLiteral) return constant(Variable(a.intValue), index);
             return constant(Variable(a.floatValue), index);
         }
         void* pointer = nullptr;

@@ -598,11 +598,7 @@ std::string Interpreter::formatReport(const Chunk& chunk, std::int32_t sourceLin
         text = std::move(window);
     }
     report += "  " + text + "\n  ";
-    if (column >= 0) {
-        // Tabs stay tabs so the caret lines up under the token however the terminal shows them.
-        for (std::int32_t i = 0; i < column && static_cast<std::size_t>(i) < text.size(); ++i)
-            report += text[static_cast<std::size_t>(i)] == '\t' ? '\t' : ' ';
-    }
+    if (column >= 0) report.append(static_cast<std::size_t>(column), ' ');
     report += "^\n  hint: check spelling, operators, parentheses, and quote matching\n";
     return report;
 }

@@ -46,7 +46,9 @@ inline Bits makeFloatF(float f) {
 }
 
 constexpr bool numeric(Bits b) { return kind(b) == kInt || kind(b) == kFloat || kind(b) == kBool; }
-inline double number(Bits b) { return kind(b) == kFloat ? payloadFloat(b) : payloadInt(b); }
+inline double number(Bits b) {
+    return kind(b) == kFloat ? static_cast<double>(payloadFloat(b)) : static_cast<double>(payloadInt(b));
+}
 constexpr bool truthy(Bits b) { return kind(b) == kBool ? payloadInt(b) != 0 : kind(b) != kNil; }
 
 inline Bits readGlobal(Interpreter& vm, const NameRef& name) {
