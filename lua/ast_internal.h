@@ -121,6 +121,9 @@ struct FunctionExpr : Expr {
 
 enum class StmtKind : std::uint8_t {
     Expression, Local, Assign, LocalFunction, If, While, NumericFor, GenericFor, Return, Break,
+    // Set by the resolver: one uncaptured local (declared or assigned) takes one pure arithmetic
+    // value, which the evaluator computes on plain numbers straight into the slot.
+    LocalNumber, AssignLocalNumber,
 };
 
 struct Stmt {

@@ -550,6 +550,24 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
         return Flow::Return;
     }
     case StmtKind::Break: return Flow::Break;
+    case StmtKind::LocalNumber: {
+        auto* local = static_cast<const LocalStmt*>(statement);
+        Value& slot = frame.slots[local->locals[0]->slot];
+        Number result = evalNumber(local->values[0], frame);
+        if (result.tag == kIntegerNumber) slot.setInteger(result.bits);
+        else if (result.tag == kFloatNumber) slot.setFloat(std::bit_cast<double>(result.bits));
+        else slot = eval(local->values[0], frame);   // raises the error the numbers-only path avoided
+        return Flow::Normal;
+    }
+    case StmtKind::AssignLocalNumber: {
+        auto* assignment = static_cast<const AssignStmt*>(statement);
+        Value& slot = frame.slots[static_cast<const VariableExpr*>(assignment->targets[0])->index];
+        Number result = evalNumber(assignment->values[0], frame);
+        if (result.tag == kIntegerNumber) slot.setInteger(result.bits);
+        else if (result.tag == kFloatNumber) slot.setFloat(std::bit_cast<double>(result.bits));
+        else slot = eval(assignment->values[0], frame);
+        return Flow::Normal;
+    }
     }
     failRuntime(statement->line, "unsupported statement");
 }

@@ -199,6 +199,9 @@ private:
             return;
         case StmtKind::Break:
             return;
+        case StmtKind::LocalNumber:
+        case StmtKind::AssignLocalNumber:
+            break;   // made only after resolution
         }
         failParse(m_chunk.name, statement->line, 1, "unable to resolve statement");
     }
@@ -297,11 +300,42 @@ void markPureExpressions(Chunk& chunk) {
     }
 }
 
+bool isArithmeticNode(const Expr* expr) {
+    switch (expr->kind) {
+    case ExprKind::Negate: case ExprKind::Add: case ExprKind::Subtract: case ExprKind::Multiply:
+    case ExprKind::Divide: case ExprKind::Modulo:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Picks the numeric store forms once captures and purity are known.
+void specialiseStatements(Chunk& chunk) {
+    for (auto& node : chunk.statements) {
+        Stmt* statement = node.get();
+        if (statement->kind == StmtKind::Local) {
+            auto* local = static_cast<LocalStmt*>(statement);
+            if (local->locals.size() == 1 && local->values.size() == 1 && !local->locals[0]->captured &&
+                local->values[0]->pure && isArithmeticNode(local->values[0])) {
+                statement->kind = StmtKind::LocalNumber;
+            }
+        } else if (statement->kind == StmtKind::Assign) {
+            auto* assign = static_cast<AssignStmt*>(statement);
+            if (assign->targets.size() == 1 && assign->values.size() == 1 && assign->targets[0]->kind == ExprKind::Local &&
+                assign->values[0]->pure && isArithmeticNode(assign->values[0])) {
+                statement->kind = StmtKind::AssignLocalNumber;
+            }
+        }
+    }
+}
+
 void resolveChunk(Chunk& chunk, GlobalSlots& globals) {
     Resolver resolver(chunk, globals);
     resolver.resolveMain(chunk.main);
     resolver.finish();
     markPureExpressions(chunk);
+    specialiseStatements(chunk);
 }
 
 } // namespace korvel::lua
