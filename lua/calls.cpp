@@ -69,7 +69,15 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         }
         pushValue(std::move(object));
     } else {
-        callee = eval(call->callee, frame);
+        const Expr* calleeExpr = call->callee;
+        switch (calleeExpr->kind) {
+        case ExprKind::Local: callee = frame.slots[static_cast<const VariableExpr*>(calleeExpr)->index]; break;
+        case ExprKind::Upvalue:
+            callee = frame.closure->upvalues[static_cast<const VariableExpr*>(calleeExpr)->index].asBox()->value;
+            break;
+        case ExprKind::Global: callee = m_globals.at(static_cast<const VariableExpr*>(calleeExpr)->index); break;
+        default: callee = eval(calleeExpr, frame); break;
+        }
         // math.sqrt and friends on one number: no stack traffic, no result list.
         if (call->arguments.size() == 1 && callee.kind() == Kind::Function && callee.asFunction()->numericFunction) {
             Number argument;
@@ -101,10 +109,22 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         const Expr* argument = arguments[i];
         if (i + 1 == count && argument->kind == ExprKind::Call && !static_cast<const CallExpr*>(argument)->parenthesised) {
             evalCallToStack(static_cast<const CallExpr*>(argument), frame);
-        } else {
-            Value value = eval(argument, frame);
+        } else if (argument->kind == ExprKind::Local) {
             if (m_top >= m_stackCapacity) failRuntime(call->line, "stack overflow");
-            m_stack[m_top++] = std::move(value);
+            m_stack[m_top++] = frame.slots[static_cast<const VariableExpr*>(argument)->index];
+        } else {
+            // Arithmetic arguments go straight into their slot on the numbers-only path.
+            bool arithmetic = argument->kind >= ExprKind::Add && argument->kind <= ExprKind::Modulo;
+            Number number = argument->pure && arithmetic ? evalNumber(argument, frame) : Number{};
+            if (m_top >= m_stackCapacity) failRuntime(call->line, "stack overflow");
+            if (number.tag == kIntegerNumber) {
+                m_stack[m_top++].setInteger(number.bits);
+            } else if (number.tag == kFloatNumber) {
+                m_stack[m_top++].setFloat(std::bit_cast<double>(number.bits));
+            } else {
+                Value value = eval(argument, frame);
+                m_stack[m_top++] = std::move(value);
+            }
         }
     }
     if (callee.kind() == Kind::Function && callee.asFunction()->proto) {

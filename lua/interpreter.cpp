@@ -127,7 +127,7 @@ namespace {
 inline const Value& operand(Impl& vm, const Expr* expr, Impl::Frame& frame, Value& scratch) {
     if (expr->kind == ExprKind::Local) return frame.slots[static_cast<const VariableExpr*>(expr)->index];
     if (expr->kind == ExprKind::Constant) return static_cast<const ConstantExpr*>(expr)->value;
-    scratch = vm.eval(expr, frame);
+    scratch = expr->kind == ExprKind::Call ? vm.evalCall(static_cast<const CallExpr*>(expr), frame) : vm.eval(expr, frame);
     return scratch;
 }
 
