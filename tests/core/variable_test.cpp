@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdlib>
 #include <cmath>
 #include <stdexcept>
 #include <cctype>
@@ -361,6 +362,24 @@ TEST(Sharing, CopiesOfStringsAreIndependent) {
     s.mutableString() += "c";
     EXPECT_EQ(s.asString(), "abc");
     EXPECT_EQ(copy.asString(), "ab");
+}
+
+// --- lifetime ---------------------------------------------------------------------------
+
+// Lives in static storage like a host's process-wide interpreter: constructed before main,
+// destroyed after it returns.
+Variable gHeldUntilExit;
+
+TEST(VariableLifetimeDeathTest, NestedContainerInStaticStorageIsFreedCleanlyAtExit) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            // Freeing nested containers once during the run, as any script does.
+            { Variable dropped = arrayOf({arrayOf({arrayOf({1})}), arrayOf({2})}); }
+            gHeldUntilExit = arrayOf({arrayOf({1}), Variable::makeTable()});
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // --- numeric conversions ------------------------------------------------------------------
