@@ -539,7 +539,12 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     case StmtKind::Return: {
         auto* returning = static_cast<const ReturnStmt*>(statement);
         if (returning->values.size() == 1 && returning->values[0]->kind != ExprKind::Call) {
-            m_returns.setOne(eval(returning->values[0], frame));
+            const Expr* value = returning->values[0];
+            if (value->kind == ExprKind::Local) {
+                m_returns.setOne(frame.slots[static_cast<const VariableExpr*>(value)->index]);
+                return Flow::Return;
+            }
+            m_returns.setOne(eval(value, frame));
             return Flow::Return;
         }
         std::size_t base = m_top;
