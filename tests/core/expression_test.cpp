@@ -327,10 +327,11 @@ INSTANTIATE_TEST_SUITE_P(Limits, DeepExpression, ::testing::Values(
 TEST(ExpressionNesting, LongRightAssociativeChainEndsCleanly) {
     // A 200,000-long power chain either evaluates (to 1) or reports the nesting error.
     RunResult r = runText("return 1" + repeated(" ^ 1", 200000));
-    if (r.ok)
+    if (r.ok) {
         EXPECT_EQ(r.value.toString(), "1");
-    else
+    } else {
         EXPECT_EQ(r.errorMessage, "Expression nested too deeply");
+    }
 }
 
 TEST(ExpressionNesting, LongLeftAssociativeChainEvaluates) {

@@ -167,8 +167,12 @@ TEST_P(NumericWords, AreClassifiedAndRead) {
     EXPECT_EQ(a.looksNumeric, c.looksNumeric) << c.token;
     EXPECT_EQ(a.isFloatLiteral, c.isFloat) << c.token;
     EXPECT_EQ(a.isIntLiteral, c.isInt) << c.token;
-    if (c.isInt) EXPECT_EQ(a.intValue, c.intValue) << c.token;
-    if (c.isFloat) EXPECT_FLOAT_EQ(a.floatValue, c.floatValue) << c.token;
+    if (c.isInt) {
+        EXPECT_EQ(a.intValue, c.intValue) << c.token;
+    }
+    if (c.isFloat) {
+        EXPECT_FLOAT_EQ(a.floatValue, c.floatValue) << c.token;
+    }
 }
 INSTANTIATE_TEST_SUITE_P(Numbers, NumericWords, ::testing::Values(
     NumericCase{"5", true, false, true, 5, 0},
@@ -258,7 +262,9 @@ class PointerLiterals : public ::testing::TestWithParam<PointerCase> {};
 TEST_P(PointerLiterals, ReadHexAddresses) {
     void* pointer = reinterpret_cast<void*>(std::uintptr_t{0x1234});
     EXPECT_EQ(parsePointerLiteral(GetParam().token, pointer), GetParam().ok) << GetParam().token;
-    if (GetParam().ok) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pointer), GetParam().address) << GetParam().token;
+    if (GetParam().ok) {
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pointer), GetParam().address) << GetParam().token;
+    }
 }
 INSTANTIATE_TEST_SUITE_P(Forms, PointerLiterals, ::testing::Values(
     PointerCase{"$ff", true, 0xff}, PointerCase{"$FF", true, 0xff}, PointerCase{"$fF", true, 0xff},

@@ -447,10 +447,11 @@ TEST(Limits, DeeplyNestedFunctionDeclarationsDoNotCrash) {
     for (int i = 0; i < 100000; ++i) source += "end\n";
     source += "return typeOf(f0)";
     Outcome r = run(source);
-    if (r.result.ok)
+    if (r.result.ok) {
         EXPECT_EQ(r.result.value.toString(), "function");
-    else
+    } else {
         EXPECT_FALSE(r.result.errorMessage.empty());
+    }
 }
 
 TEST(Limits, DeeplyNestedLoopsRun) {
@@ -460,10 +461,11 @@ TEST(Limits, DeeplyNestedLoopsRun) {
     for (int i = 0; i < 100000; ++i) source += "end\nbreak\n";
     source += "return r";
     Outcome r = run(source);
-    if (r.result.ok)
+    if (r.result.ok) {
         EXPECT_EQ(r.result.value.toString(), "1");
-    else
+    } else {
         EXPECT_FALSE(r.result.errorMessage.empty());
+    }
 }
 
 TEST(Limits, StepBudgetStopsAnEndlessLoop) {
