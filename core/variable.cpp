@@ -37,7 +37,11 @@ struct PendingFree {
     VarType type;
     HeapObject* object;
 };
-std::vector<PendingFree> g_pendingFrees;
+// Never destroyed: values in other static objects may still be freed during program exit.
+std::vector<PendingFree>& pendingFrees() {
+    static auto* pending = new std::vector<PendingFree>();
+    return *pending;
+}
 bool g_freeing = false;
 
 void deleteObject(VarType type, HeapObject* object) noexcept {
@@ -59,15 +63,16 @@ void destroyHeapObject(VarType type, HeapObject* object) noexcept {
         delete static_cast<StringObject*>(object);
         return;
     }
+    std::vector<PendingFree>& pending = pendingFrees();
     if (g_freeing) {
-        g_pendingFrees.push_back({type, object});
+        pending.push_back({type, object});
         return;
     }
     g_freeing = true;
     deleteObject(type, object);
-    while (!g_pendingFrees.empty()) {
-        PendingFree next = g_pendingFrees.back();
-        g_pendingFrees.pop_back();
+    while (!pending.empty()) {
+        PendingFree next = pending.back();
+        pending.pop_back();
         deleteObject(next.type, next.object);
     }
     g_freeing = false;
