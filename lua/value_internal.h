@@ -2,6 +2,7 @@
 // (strings, tables, functions, user data, iterators, boxes for captured locals) and MultiValue.
 #pragma once
 
+#include <cfloat>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -217,6 +218,18 @@ constexpr double kIntegralTolerance = 2.220446049250313e-16;
 
 // The integral-result rule: a float within the tolerance of its nearest integer becomes that integer.
 inline bool floatToIntegral(double value, std::int64_t& out) {
+    // Below 2^51 in magnitude, adding and subtracting 1.5 * 2^52 rounds to the nearest integer
+    // without the two conversions; this runs after every float operation. It needs doubles to be
+    // evaluated as doubles (not in x87 extended precision), hence the FLT_EVAL_METHOD test.
+    constexpr double kSmallLimit = 2251799813685248.0;
+    constexpr double kRoundingBias = 6755399441055744.0;
+    if (FLT_EVAL_METHOD == 0 && value < kSmallLimit && value > -kSmallLimit) {
+        double nearest = (value + kRoundingBias) - kRoundingBias;
+        double difference = value - nearest;
+        if (difference > kIntegralTolerance || difference < -kIntegralTolerance) return false;
+        out = static_cast<std::int64_t>(nearest);
+        return true;
+    }
     if (!(value > -kIntegralLimit - 1.0 && value < kIntegralLimit)) return false;
     std::int64_t truncated = static_cast<std::int64_t>(value);
     double difference = value - static_cast<double>(truncated);
