@@ -62,6 +62,29 @@ TEST(TableParts, FloatKeysNormaliseOnlyNearIntegers) {
     EXPECT_FALSE(tryMakeKeyFromValue(Value::number(0.0 / 0.0 + 1.0 / 0.0), normalised));
 }
 
+TEST(IntegralRule, AcceptsOnlyFloatsWithinTheToleranceOfAnInteger) {
+    struct RuleCase {
+        double number;
+        bool integral;
+        std::int64_t integer;
+    };
+    const RuleCase cases[] = {
+        {3.0, true, 3}, {-0.0, true, 0}, {1e-17, true, 0}, {-1e-17, true, 0}, {0.5, false, 0}, {-0.5, false, 0},
+        {0.9999999999999999, true, 1}, {1.0000000000000002, true, 1}, {1.0000000000000004, false, 0},
+        {2251799813685247.5, false, 0}, {2251799813685248.0, true, 2251799813685248}, {4503599627370497.0, true, 4503599627370497},
+        {9007199254740993.0, true, 9007199254740992}, {-9007199254740992.0, true, -9007199254740992},
+        {9.2e18, true, 9200000000000000000}, {9223372036854775808.0, false, 0}, {1.0 / 0.0, false, 0},
+        {-1.0 / 0.0, false, 0}, {0.0 / 0.0, false, 0},
+    };
+    for (const RuleCase& c : cases) {
+        std::int64_t integer = -1;
+        EXPECT_EQ(floatToIntegral(c.number, integer), c.integral) << c.number;
+        if (c.integral) {
+            EXPECT_EQ(integer, c.integer) << c.number;
+        }
+    }
+}
+
 TEST(TableTraversal, VisitsEachLiveEntryOnceWhileEntriesAreRemoved) {
     Table table;
     for (int i = 0; i < 100; ++i) table.set(named("k", i), key(i));
