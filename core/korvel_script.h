@@ -31,6 +31,9 @@ public:
     // Parses and runs a script's text in the interpreter's current state. scriptName appears in
     // error reports ("at name:line"); an empty name reports "at line N".
     RunResult runScript(std::string_view source, std::string_view scriptName = {});
+    // Like runScript, but when the text is a single expression line the result holds its value
+    // (for interactive prompts).
+    RunResult evaluate(std::string_view source, std::string_view scriptName = {});
     // Reads a script file (its path normalised) and runs it; its directory becomes the base for
     // relative paths used by the script.
     RunResult runFile(const std::string& path);

@@ -28,29 +28,6 @@ bool needsMoreInput(const std::string& text) {
     return false;
 }
 
-namespace {
-
-// A single line that is an expression rather than a statement: no keyword line, no
-// top-level assignment.
-bool isExpressionLine(const std::string& text) {
-    ParsedScript parsed;
-    ParseFailure failure;
-    if (!parseScript(text, parsed, failure) || parsed.lines.size() != 1) return false;
-    const ParsedScriptLine& line = parsed.lines[0];
-    if (line.kind != LineKind::Statement || line.scopePrefix != ScopePrefix::None) return false;
-    int depth = 0;
-    for (const std::string& token : line.tokens) {
-        if (token == "(" || token == "[" || token == "{") ++depth;
-        else if (token == ")" || token == "]" || token == "}") --depth;
-        else if (depth == 0 && (token == "=" || (token.size() == 2 && token[1] == '=' &&
-                                                  std::string("+-*/\\%^").find(token[0]) != std::string::npos)))
-            return false;
-    }
-    return true;
-}
-
-}  // namespace
-
 int runRepl(KorvelScript& script, std::istream& in, std::ostream& out, std::ostream& err, bool showPrompts) {
     std::string buffer;
     std::string line;
@@ -64,12 +41,11 @@ int runRepl(KorvelScript& script, std::istream& in, std::ostream& out, std::ostr
         if (needsMoreInput(buffer)) continue;
         std::string text;
         text.swap(buffer);
-        bool expression = isExpressionLine(text);
-        RunResult result = script.runScript(expression ? "return " + text : text, "stdin");
+        RunResult result = script.evaluate(text, "stdin");
         script.flushOutput();
         if (!result.ok) {
             err << result.errorReport << std::flush;
-        } else if (expression && !result.value.isNil()) {
+        } else if (!result.value.isNil()) {
             out << result.value.toString() << '\n' << std::flush;
         }
     }

@@ -49,6 +49,7 @@ TEST(Repl, ReportsAnErrorAndGoesOn) {
     Session s = runLines("1 / 0\nprint(\"still here\")\n");
     EXPECT_NE(s.err.find("KorvelScript error: Division by zero"), std::string::npos) << s.err;
     EXPECT_NE(s.err.find("hint: check spelling"), std::string::npos);
+    EXPECT_NE(s.err.find("\n  1 / 0\n    ^\n"), std::string::npos) << "the report shows the line as typed: " << s.err;
     EXPECT_EQ(s.out, "still here\n");
 }
 
