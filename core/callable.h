@@ -23,6 +23,13 @@ struct ScriptCallable : HeapObject {
     std::string name;                     // used in messages
     NativeFunction native;                // for Kind::Native
     std::shared_ptr<FunctionProto> proto; // for Kind::Script and Kind::Chunk
+
+    // Built-in numeric functions of one number (math.floor, math.sqrt, ...) also offer this
+    // form, so compiled expressions can call them without building an argument vector. It
+    // must give what `native` gives; an input it does not take (below minimum) goes to `native`.
+    double (*scalarUnary)(double) = nullptr;
+    bool integralResult = false;     // an int when the result fits
+    double scalarMinimum = -1.0 / 0.0;
 };
 
 }  // namespace korvel

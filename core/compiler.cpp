@@ -84,6 +84,16 @@ bool splitDotted(const std::string& token, std::vector<std::string_view>& parts)
     return true;
 }
 
+// ".name.more" after a value: its parts, or false when the token is not of that form.
+bool dottedSuffix(const std::string& token, std::vector<std::string>& parts) {
+    if (token.size() < 2 || token[0] != '.' || std::isdigit(static_cast<unsigned char>(token[1]))) return false;
+    std::string rooted = "x" + token;
+    std::vector<std::string_view> views;
+    if (!splitDotted(rooted, views)) return false;
+    parts.assign(views.begin() + 1, views.end());
+    return true;
+}
+
 class LineCompiler {
 public:
     LineCompiler(Interpreter& vm, Chunk& chunk, FunctionProto& proto, const ParsedScriptLine& line)
@@ -202,6 +212,7 @@ public:
     // postfix -> primary { '[' expression ']' | '(' arguments ')' }
     FastExpression* postfix(FastExpression* value) {
         int suffixes = 0;  // each one is a level of evaluation
+        std::vector<std::string> dottedParts;
         while (!atEnd()) {
             const std::string& t = peek();
             if (t == "[") {
@@ -222,6 +233,11 @@ public:
                     n->right = key;
                     value = measured(n);
                 }
+            } else if (dottedSuffix(t, dottedParts)) {
+                // a[1].name and f().x: a dotted word right after a value indexes it.
+                std::int32_t at = static_cast<std::int32_t>(pos);
+                ++pos;
+                for (const std::string& part : dottedParts) value = keyNode(value, part, at);
             } else if (t == "(") {
                 FastExpression* n = node(Op::Call, static_cast<std::int32_t>(pos));
                 ++pos;
@@ -405,11 +421,20 @@ public:
         }
         ++pos;
         if (result.name->scope != -1 && scope == TargetScope::Plain) result.scope = TargetScope::Explicit;
-        while (pos < end && peek() == "[") {
-            ++pos;
-            result.keys.push_back(expression());
-            if (atEnd() || peek() != "]") fail("Expected closing bracket");
-            ++pos;
+        std::vector<std::string> dottedParts;
+        while (pos < end) {
+            if (peek() == "[") {
+                ++pos;
+                result.keys.push_back(expression());
+                if (atEnd() || peek() != "]") fail("Expected closing bracket");
+                ++pos;
+            } else if (dottedSuffix(peek(), dottedParts)) {
+                for (const std::string& part : dottedParts)
+                    result.keys.push_back(constant(constantString(part), static_cast<std::int32_t>(pos)));
+                ++pos;
+            } else {
+                break;
+            }
         }
         return result;
     }

@@ -127,12 +127,14 @@ void Interpreter::registerMathLibrary() {
     Variable math = lib.group("math");
     auto unary = [&](const char* name, double (*function)(double), bool integral, bool alsoGlobal) {
         std::string message = std::string("math['") + name + "'](x) requires exactly 1 argument";
-        lib.member(math, "math", name, [message, function, integral](const Args& args) {
+        Variable callable = lib.member(math, "math", name, [message, function, integral](const Args& args) {
             if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError(message);
             double result = function(toDouble(args[0]));
             if (integral && result >= -2147483648.0 && result <= 2147483647.0) return Variable(static_cast<std::int32_t>(result));
             return Variable(result);
         }, alsoGlobal);
+        callable.callable().scalarUnary = function;
+        callable.callable().integralResult = integral;
     };
     unary("floor", [](double x) { return std::floor(x); }, true, true);
     unary("ceil", [](double x) { return std::ceil(x); }, true, true);
@@ -145,12 +147,14 @@ void Interpreter::registerMathLibrary() {
             return Variable(args[0].asInt() == INT32_MIN ? INT32_MIN : std::abs(args[0].asInt()));
         return Variable(std::fabs(toDouble(args[0])));
     });
-    lib.member(math, "math", "sqrt", [](const Args& args) {
+    Variable sqrtFunction = lib.member(math, "math", "sqrt", [](const Args& args) {
         if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError("math['sqrt'](x) requires exactly 1 argument");
         double x = toDouble(args[0]);
         if (x < 0) throw ScriptError("math['sqrt'] requires a non-negative value");
         return Variable(std::sqrt(x));
     }, true);
+    sqrtFunction.callable().scalarUnary = [](double x) { return std::sqrt(x); };
+    sqrtFunction.callable().scalarMinimum = 0.0;
     auto extreme = [&](const char* name, bool wantMax) {
         std::string message = std::string("math['") + name + "'](...) requires at least 1 argument";
         lib.member(math, "math", name, [message, wantMax](const Args& args) {

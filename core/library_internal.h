@@ -27,11 +27,12 @@ public:
         return table;
     }
     // group[name] = function; with alsoGlobal the short name is published too.
-    void member(Variable& groupTable, const std::string& groupName, const std::string& name, NativeFunction function,
-                bool alsoGlobal = false) {
+    Variable member(Variable& groupTable, const std::string& groupName, const std::string& name, NativeFunction function,
+                    bool alsoGlobal = false) {
         Variable callable = m_vm.owner.createNativeCallable(std::move(function), groupName + "." + name);
         groupTable.table().set(name, callable);
         if (alsoGlobal) m_vm.setGlobal(name, callable);
+        return callable;
     }
 
 private:

@@ -243,6 +243,32 @@ Bits scalarIndexKey(Interpreter& vm, const FastExpression* n) {
     return found->scalarBits();
 }
 
+// f(x) where f is a built-in of one number: called directly, no argument vector. The callee
+// is looked up as usual on every call, so a script that replaces `sqrt` gets its own.
+Bits scalarCallUnary(Interpreter& vm, const FastExpression* n) {
+    const FastExpression* callee = n->left;
+    const Variable* function = nullptr;
+    if (callee->op == Op::Global) {
+        if (vm.current->extras) return kNo;
+        function = &vm.globals[static_cast<std::size_t>(callee->name->globalSlot)];
+    } else if (callee->op == Op::IndexKey && callee->left->op == Op::Global && !vm.current->extras) {
+        const Variable& group = vm.globals[static_cast<std::size_t>(callee->left->name->globalSlot)];
+        if (group.type() != VarType::Table) return kNo;
+        function = group.table().find(callee->constant.stringObject());
+    }
+    if (!function || function->type() != VarType::Function) return kNo;
+    const ScriptCallable& callable = function->callable();
+    if (!callable.scalarUnary) return kNo;
+    Bits argument = fetch(vm, n->items[0]);
+    if (argument == kNo || !numeric(argument)) return kNo;
+    double x = number(argument);
+    if (!(x >= callable.scalarMinimum)) return kNo;
+    double result = callable.scalarUnary(x);
+    if (callable.integralResult && result >= -2147483648.0 && result <= 2147483647.0)
+        return makeInt(static_cast<std::int64_t>(result));
+    return makeFloat(result);
+}
+
 bool isLeaf(const FastExpression* n) { return n->op == Op::Local || n->op == Op::Global; }
 
 constexpr std::uint32_t kScalarHeight = 24;
@@ -289,6 +315,14 @@ bool assignScalarFunctions(FastExpression* n) {
     case Op::IndexKey:
         if (isLeaf(n->left)) n->scalar = scalarIndexKey;
         return n->scalar != nullptr;
+    case Op::Call: {
+        bool directCallee = n->left->op == Op::Global ||
+                            (n->left->op == Op::IndexKey && n->left->left->op == Op::Global);
+        bool scalarArgument = n->items.size() == 1 && (n->items[0]->scalar || n->items[0]->op <= Op::Global);
+        if (directCallee && scalarArgument && !(n->items[0]->op == Op::Const && n->items[0]->constantBits == kNo))
+            n->scalar = scalarCallUnary;
+        return n->scalar != nullptr;
+    }
     default: break;
     }
     bool unary = n->op == Op::Neg || n->op == Op::Not || n->op == Op::Plus;
