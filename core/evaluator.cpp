@@ -389,6 +389,9 @@ Variable Interpreter::invokeCallableFast(const FastExpression* n) {
             return found ? *found : Variable();
         }()
                                                     : getKeyedValue(container, calleeNode->constant.stringObject());
+    } else if (calleeNode->op == Op::Global && !current->extras) {
+        const Variable& global = globals[static_cast<std::size_t>(calleeNode->name->globalSlot)];
+        if (!global.isUnset()) callee = global;
     } else {
         callee = eval(calleeNode);
     }
