@@ -324,15 +324,4 @@ Token Lexer::next() {
     fail(token.line, token.column, std::string("unexpected character '") + c + "'");
 }
 
-const char* tokenKindText(TokenKind kind) {
-    switch (kind) {
-    case TokenKind::Name: return "name";
-    case TokenKind::Integer:
-    case TokenKind::Float: return "number";
-    case TokenKind::String: return "string";
-    case TokenKind::EndOfInput: return "end of input";
-    default: return "token";
-    }
-}
-
 } // namespace korvel::lua

@@ -56,6 +56,4 @@ private:
     std::uint32_t m_column = 1;
 };
 
-const char* tokenKindText(TokenKind kind);
-
 } // namespace korvel::lua

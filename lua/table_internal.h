@@ -67,7 +67,6 @@ struct Table : Object {
         for (const Value& value : m_array) visit(value);
         for (const HashEntry& entry : m_entries) visit(entry.value);
     }
-    void touch() { ++m_modifications; }
 
 private:
     struct HashEntry {
