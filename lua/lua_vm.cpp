@@ -4,6 +4,7 @@
 
 #include "collector_internal.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -273,8 +274,12 @@ std::string LuaVM::valueToString(const LuaValue& value) { return value.toString(
 // Decides, at the start of each outermost run, how deep the evaluator may recurse.
 std::size_t effectiveStackBudget(const LuaVM::Impl& vm) {
     if (vm.m_nativeStackBudget != 0) return vm.m_nativeStackBudget;
+    // An unlimited stack rlimit makes the reported size meaningless; past 64 MiB we stop trusting it.
+    constexpr std::size_t kLargestBudget = std::size_t{64} << 20;
     const char* limit = threadStackLimit();
-    if (limit && vm.m_nativeStackBase > limit) return static_cast<std::size_t>(vm.m_nativeStackBase - limit);
+    if (limit && vm.m_nativeStackBase > limit) {
+        return std::min(static_cast<std::size_t>(vm.m_nativeStackBase - limit), kLargestBudget);
+    }
     return std::size_t{1} << 20;
 }
 
