@@ -52,6 +52,7 @@ int runLuaCommandLine(int argc, char** argv) {
             printUsage(stderr, program);
             return 2;
         }
+        vm.setGlobal("arg", LuaValue::makeArray());
         return finish(vm.runScriptString(argv[2], "(command line)"));
     }
     if (first.size() > 1 && first[0] == '-') {

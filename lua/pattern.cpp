@@ -5,11 +5,17 @@
 // with the subject's length; here recursion is bounded by the pattern (kMaxMatchDepth).
 #include "pattern_internal.h"
 
+#include <algorithm>
+
 namespace korvel::lua {
 
 namespace {
 
 constexpr int kMaxMatchDepth = 200;
+// Matching steps one search may take: enough for linear scans of any subject, while exponential
+// backtracking on a short subject stops within a fraction of a second.
+constexpr std::size_t kMinimumMatchWork = std::size_t{1} << 22;
+constexpr std::size_t kMatchWorkPerByte = 64;
 constexpr std::size_t kUnfinished = ~std::size_t{0};
 
 bool isSpaceByte(unsigned char c) { return c == ' ' || c == '\f' || c == '\n' || c == '\r' || c == '\t' || c == '\v'; }
@@ -34,7 +40,8 @@ bool classMatches(unsigned char c, unsigned char classLetter) {
 class Matcher {
 public:
     Matcher(LuaVM::Impl& vm, std::string_view subject, std::string_view pattern, PatternMatch& result)
-        : m_vm(vm), m_subject(subject), m_pattern(pattern), m_result(result) {}
+        : m_vm(vm), m_subject(subject), m_pattern(pattern), m_result(result),
+          m_workLimit(std::max(kMinimumMatchWork, subject.size() * kMatchWorkPerByte)) {}
 
     // Returns the end offset of a match starting at `s`, or npos.
     std::size_t matchFrom(std::size_t s, std::size_t p) {
@@ -44,10 +51,13 @@ public:
     }
 
     // Long subjects can make matching quadratic; the work counts against the host's step budget.
+    // Backtracking can take exponential time ("a?a?a?...aaa"); one search may do at most
+    // m_workLimit steps, so a library call always ends.
     void tick() {
         if (++m_work >= 4096) {
             m_work = 0;
             m_vm.countStep();
+            if (++m_workBlocks > m_workLimit / 4096) fail("pattern matching is too complex");
         }
     }
 
@@ -169,6 +179,7 @@ private:
 
     std::size_t match(std::size_t s, std::size_t p) {
         if (++m_depth > kMaxMatchDepth) fail("pattern too complex");
+        tick();
         struct Leave {
             int& depth;
             ~Leave() { --depth; }
@@ -207,6 +218,8 @@ private:
     PatternMatch& m_result;
     int m_depth = 0;
     std::size_t m_work = 0;
+    std::size_t m_workBlocks = 0;
+    std::size_t m_workLimit;
 };
 
 void finishCaptures(LuaVM::Impl& vm, PatternMatch& match) {

@@ -135,6 +135,9 @@ INSTANTIATE_TEST_SUITE_P(Messages, LibraryErrors, ::testing::Values(
     // Regression: the result count used to be computed with a signed overflow.
     LibraryErrorCase{"table.unpack({}, math.mininteger, math.maxinteger)", "test:1: too many results to unpack"},
     LibraryErrorCase{"string.byte(string.rep('a', 2000000), 1, -1)", "test:1: string slice too long"},
+    // Regression: exponential backtracking used to run for as long as the pattern allowed.
+    LibraryErrorCase{"string.find(string.rep('a', 60), string.rep('a?', 60) .. string.rep('a', 60) .. 'b')",
+                     "test:1: pattern matching is too complex"},
     LibraryErrorCase{"math.random(5, 4)", "test:1: math.random interval is empty"},
     LibraryErrorCase{"math.clamp(1, 3, 2)", "test:1: math.clamp lower bound is greater than upper bound"},
     LibraryErrorCase{"pairs(5)", "test:1: pairs expects a table"},
