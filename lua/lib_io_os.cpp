@@ -6,6 +6,10 @@
 #include <cstdlib>
 #include <ctime>
 
+#ifdef __unix__
+#include <sys/wait.h>
+#endif
+
 namespace korvel::lua {
 
 using Impl = LuaVM::Impl;
@@ -226,7 +230,12 @@ void bindIoOsLibrary(Impl& vm) {
         if (arguments.empty() || arguments[0].isNil()) return MultiValue(Value::boolean(std::system(nullptr) != 0));
         std::string command(requireString(self, "os.execute", arguments, 0));
         std::fflush(stdout);
-        return MultiValue(Value::integer(std::system(command.c_str())));
+        int status = std::system(command.c_str());
+#ifdef __unix__
+        // POSIX returns a wait status; scripts want the command's exit code, as on Windows.
+        if (status != -1 && WIFEXITED(status)) status = WEXITSTATUS(status);
+#endif
+        return MultiValue(Value::integer(status));
     });
     vm.bindTableFunction(os, "os", "exit", [](Impl& self, ValueSpan arguments, std::uint32_t) -> MultiValue {
         int code = arguments.empty() || !arguments[0].isNumber() ? 0 : static_cast<int>(requireInteger(self, "os.exit", arguments, 0));

@@ -189,6 +189,12 @@ TEST(Os, ExitEndsTheRunSuccessfully) {
     EXPECT_EQ(run.output, "");
 }
 
+TEST(Os, ExecuteReturnsTheExitCode) {
+    ScriptRun run = runCaptured("print(os.execute('exit 3'), os.execute('true'))");
+    ASSERT_TRUE(run.success) << run.error;
+    EXPECT_EQ(run.output, "3\t0\n");
+}
+
 TEST(Os, ClocksAndTime) {
     ScriptRun run = runCaptured("print(type(os.clock()), os.time() > 1600000000, os.difftime(5, 2), time_ms() >= 0)");
     ASSERT_TRUE(run.success) << run.error;
