@@ -124,6 +124,8 @@ enum class StmtKind : std::uint8_t {
     // Set by the resolver: one uncaptured local (declared or assigned) takes one pure arithmetic
     // value, which the evaluator computes on plain numbers straight into the slot.
     LocalNumber, AssignLocalNumber,
+    // `object.name = <pure arithmetic>`: the number is computed on the numbers-only path.
+    AssignFieldNumber,
 };
 
 struct Stmt {

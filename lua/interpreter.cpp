@@ -555,6 +555,12 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
         return Flow::Return;
     }
     case StmtKind::Break: return Flow::Break;
+    case StmtKind::AssignFieldNumber: {
+        auto* assignment = static_cast<const AssignStmt*>(statement);
+        Number result = evalNumber(assignment->values[0], frame);
+        assign(assignment->targets[0], result.tag != kNotANumber ? numberToValue(result) : eval(assignment->values[0], frame), frame);
+        return Flow::Normal;
+    }
     case StmtKind::LocalNumber: {
         auto* local = static_cast<const LocalStmt*>(statement);
         Value& slot = frame.slots[local->locals[0]->slot];

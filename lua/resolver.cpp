@@ -201,6 +201,7 @@ private:
             return;
         case StmtKind::LocalNumber:
         case StmtKind::AssignLocalNumber:
+        case StmtKind::AssignFieldNumber:
             break;   // made only after resolution
         }
         failParse(m_chunk.name, statement->line, 1, "unable to resolve statement");
@@ -325,6 +326,9 @@ void specialiseStatements(Chunk& chunk) {
             if (assign->targets.size() == 1 && assign->values.size() == 1 && assign->targets[0]->kind == ExprKind::Local &&
                 assign->values[0]->pure && isArithmeticNode(assign->values[0])) {
                 statement->kind = StmtKind::AssignLocalNumber;
+            } else if (assign->targets.size() == 1 && assign->values.size() == 1 && assign->targets[0]->kind == ExprKind::Field &&
+                       assign->values[0]->pure && isArithmeticNode(assign->values[0])) {
+                statement->kind = StmtKind::AssignFieldNumber;
             }
         }
     }
