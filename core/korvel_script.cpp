@@ -68,17 +68,21 @@ KorvelScript::KorvelScript() : m_impl(std::make_unique<Impl>(*this)) { m_impl->v
 
 KorvelScript::~KorvelScript() = default;
 
+namespace {
+RunResult parseFailure(const ScriptError& error) {
+    RunResult result;
+    result.ok = false;
+    result.errorMessage = error.what();
+    result.errorReport = error.report();
+    return result;
+}
+}  // namespace
+
 RunResult KorvelScript::evaluate(std::string_view source, std::string_view scriptName) {
     Interpreter& vm = m_impl->vm;
     ScriptError parseError("");
     std::shared_ptr<Chunk> chunk = vm.compileChunk(source, scriptName, &parseError);
-    if (!chunk) {
-        RunResult result;
-        result.ok = false;
-        result.errorMessage = parseError.what();
-        result.errorReport = parseError.report();
-        return result;
-    }
+    if (!chunk) return parseFailure(parseError);
     // A lone expression line hands back its value, as if it were returned.
     if (chunk->lines.size() == 1 && chunk->lines[0].kind == StmtKind::Expression) chunk->lines[0].kind = StmtKind::Return;
     return vm.run(chunk);
@@ -88,13 +92,7 @@ RunResult KorvelScript::runScript(std::string_view source, std::string_view scri
     Interpreter& vm = m_impl->vm;
     ScriptError parseError("");
     std::shared_ptr<Chunk> chunk = vm.compileChunk(source, scriptName, &parseError);
-    if (!chunk) {
-        RunResult result;
-        result.ok = false;
-        result.errorMessage = parseError.what();
-        result.errorReport = parseError.report();
-        return result;
-    }
+    if (!chunk) return parseFailure(parseError);
     return vm.run(chunk);
 }
 

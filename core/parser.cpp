@@ -220,6 +220,8 @@ LineKind classifyLine(const std::vector<std::string>& t, ScopePrefix& prefix) {
     return LineKind::Statement;
 }
 
+}  // namespace
+
 bool opensBlock(LineKind kind) {
     switch (kind) {
     case LineKind::If:
@@ -233,8 +235,6 @@ bool opensBlock(LineKind kind) {
     default: return false;
     }
 }
-
-}  // namespace
 
 void prepareParsedLines(std::vector<ParsedScriptLine>& lines) {
     struct Open {

@@ -87,5 +87,7 @@ inline bool isStringToken(std::string_view token) {
     return !token.empty() && (token[0] == '"' || token[0] == '\'');
 }
 void prepareParsedLines(std::vector<ParsedScriptLine>& lines);
+// Whether a line of this kind opens a block that an end or until closes.
+bool opensBlock(LineKind kind);
 
 }  // namespace korvel

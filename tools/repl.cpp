@@ -10,21 +10,8 @@ bool needsMoreInput(const std::string& text) {
     ParsedScript parsed;
     ParseFailure failure;
     if (!parseScript(text, parsed, failure)) return false;  // let the run report it
-    for (const ParsedScriptLine& line : parsed.lines) {
-        switch (line.kind) {
-        case LineKind::If:
-        case LineKind::While:
-        case LineKind::Repeat:
-        case LineKind::For:
-        case LineKind::Function:
-        case LineKind::DecayFunction:
-        case LineKind::NativeFunction:
-        case LineKind::LocalFunction:
-            if (line.endIndex < 0) return true;
-            break;
-        default: break;
-        }
-    }
+    for (const ParsedScriptLine& line : parsed.lines)
+        if (opensBlock(line.kind) && line.endIndex < 0) return true;
     return false;
 }
 

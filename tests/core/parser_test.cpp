@@ -2,6 +2,8 @@
 // line kinds, scope prefixes and block links.
 #include "core/parser_internal.h"
 
+#include "tests/core/test_support.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -14,17 +16,7 @@
 namespace korvel {
 namespace {
 
-// Readable, unique test names from a case's own text.
-template <typename Case, typename Field>
-std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
-    std::string name;
-    for (char c : std::string_view(info.param.*field)) {
-        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
-        else if (name.empty() || name.back() != '_') name += '_';
-        if (name.size() >= 40) break;
-    }
-    return name + "_" + std::to_string(info.index);
-}
+using testing_support::caseName;
 
 using Tokens = std::vector<std::string>;
 

@@ -3,6 +3,8 @@
 // bad scripts from crashing or stalling the interpreter.
 #include "core/korvel_script.h"
 
+#include "tests/core/test_support.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -13,17 +15,7 @@
 namespace korvel {
 namespace {
 
-// Readable, unique test names from a case's own text.
-template <typename Case, typename Field>
-std::string caseName(const ::testing::TestParamInfo<Case>& info, Field field) {
-    std::string name;
-    for (char c : std::string_view(info.param.*field)) {
-        if (std::isalnum(static_cast<unsigned char>(c))) name += c;
-        else if (name.empty() || name.back() != '_') name += '_';
-        if (name.size() >= 40) break;
-    }
-    return name + "_" + std::to_string(info.index);
-}
+using testing_support::caseName;
 
 const std::string kHint = "  hint: check spelling, operators, parentheses, and quote matching\n";
 
