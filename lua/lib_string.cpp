@@ -233,17 +233,17 @@ MultiValue format(Impl& vm, ValueSpan arguments) {
             continue;
         }
         // Flags, then at most two digits of width and of precision, keep the buffer bounded.
-        std::string spec = "%";
-        while (i < text.size() && std::string_view("-+ #0").find(text[i]) != std::string_view::npos) spec += text[i++];
+        std::string directive = "%";
+        while (i < text.size() && std::string_view("-+ #0").find(text[i]) != std::string_view::npos) directive += text[i++];
         for (int digits = 0; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++digits) {
             if (digits == 2) vm.failRuntime(vm.m_currentLine, "format width is too long");
-            spec += text[i++];
+            directive += text[i++];
         }
         if (i < text.size() && text[i] == '.') {
-            spec += text[i++];
+            directive += text[i++];
             for (int digits = 0; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++digits) {
                 if (digits == 2) vm.failRuntime(vm.m_currentLine, "format precision is too long");
-                spec += text[i++];
+                directive += text[i++];
             }
         }
         if (i >= text.size()) vm.failRuntime(vm.m_currentLine, "unterminated format token");
@@ -252,12 +252,12 @@ MultiValue format(Impl& vm, ValueSpan arguments) {
         case 'd':
         case 'i': {
             std::int64_t value = formatInteger(vm, argument());
-            if (spec.size() == 1) {
+            if (directive.size() == 1) {
                 char buffer[24];
                 int length = std::snprintf(buffer, sizeof buffer, "%lld", static_cast<long long>(value));
                 out.append(buffer, static_cast<std::size_t>(length));
             } else {
-                appendFormatted(out, (spec + "lld").c_str(), static_cast<long long>(value));
+                appendFormatted(out, (directive + "lld").c_str(), static_cast<long long>(value));
             }
             break;
         }
@@ -265,7 +265,7 @@ MultiValue format(Impl& vm, ValueSpan arguments) {
         case 'x':
         case 'X':
         case 'o':
-            appendFormatted(out, (spec + "ll" + conversion).c_str(), static_cast<unsigned long long>(formatInteger(vm, argument())));
+            appendFormatted(out, (directive + "ll" + conversion).c_str(), static_cast<unsigned long long>(formatInteger(vm, argument())));
             break;
         case 'c':
             out += static_cast<char>(formatInteger(vm, argument()));
@@ -273,7 +273,7 @@ MultiValue format(Impl& vm, ValueSpan arguments) {
         case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A': {
             const Value& value = argument();
             if (!value.isNumber()) vm.failRuntime(vm.m_currentLine, "float format expects a number");
-            appendFormatted(out, (spec + conversion).c_str(), value.toDouble());
+            appendFormatted(out, (directive + conversion).c_str(), value.toDouble());
             break;
         }
         case 's': {
@@ -286,11 +286,11 @@ MultiValue format(Impl& vm, ValueSpan arguments) {
                 owned = value.toString();
                 piece = owned;
             }
-            if (spec.size() == 1) {
+            if (directive.size() == 1) {
                 out.append(piece);
             } else {
                 std::string terminated(piece);
-                appendFormatted(out, (spec + 's').c_str(), terminated.c_str());
+                appendFormatted(out, (directive + 's').c_str(), terminated.c_str());
             }
             break;
         }
