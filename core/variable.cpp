@@ -5,6 +5,7 @@
 #include "core/table.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -220,8 +221,9 @@ void appendValue(std::string& out, const Variable& value, int depth, std::vector
     case VarType::Nil: out += "not"; break;
     case VarType::Int: {
         char buffer[16];
-        int n = std::snprintf(buffer, sizeof buffer, "%" PRId32, value.asInt());
-        out.append(buffer, static_cast<std::size_t>(n));
+        auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value.asInt());
+        (void)ec;
+        out.append(buffer, end);
         break;
     }
     case VarType::Float: appendFloat(out, value.asFloat()); break;
