@@ -289,6 +289,7 @@ public:
     void registerTableLibrary();
     void registerMathLibrary();
     void registerIoLibrary();
+    void registerContainerLibrary();
 
     void write(std::string_view text);
 

@@ -162,6 +162,7 @@ void Interpreter::registerLibrary() {
     registerTableLibrary();
     registerMathLibrary();
     registerIoLibrary();
+    registerContainerLibrary();
 }
 
 }  // namespace korvel
