@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <random>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -153,6 +154,9 @@ struct Activation {
     std::unique_ptr<std::vector<std::pair<std::string, Variable>>> extras;  // names made at run time
 };
 
+// Thrown by kill(): ends the running script as if it had returned.
+struct KillRequest {};
+
 // Thrown by jumpTo and caught by the running body of the current activation.
 struct JumpRequest {
     std::string label;
@@ -290,6 +294,8 @@ public:
     void registerMathLibrary();
     void registerIoLibrary();
     void registerContainerLibrary();
+    void registerSystemLibrary();
+    std::mt19937 random;  // random and math.random
 
     void write(std::string_view text);
 

@@ -56,6 +56,8 @@ RunResult Interpreter::run(const std::shared_ptr<Chunk>& chunk) {
         result.errorMessage = error.what();
         result.errorReport =
             error.located() ? error.report() : "KorvelScript error: " + result.errorMessage + "\n";
+    } catch (const KillRequest&) {
+        // kill() ends the script normally.
     } catch (const JumpRequest& jump) {
         result.ok = false;
         result.errorMessage = "jumpTo(label): no nest label '" + jump.label + "'";

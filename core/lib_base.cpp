@@ -163,6 +163,7 @@ void Interpreter::registerLibrary() {
     registerMathLibrary();
     registerIoLibrary();
     registerContainerLibrary();
+    registerSystemLibrary();
 }
 
 }  // namespace korvel
