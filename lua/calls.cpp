@@ -36,18 +36,25 @@ Value Impl::makeClosure(const FunctionExpr* proto, Frame& frame) {
     return result;
 }
 
+// obj:name(...): the method looked up on obj, with obj pushed as the first argument.
+Value Impl::methodCallee(const CallExpr* call, Frame& frame) {
+    Value object = eval(call->callee, frame);
+    Value callee;
+    if (object.kind() == Kind::Table) {
+        const Value* slot = object.asTable()->findStringCached(call->method.asString(), call->cacheHint);
+        if (slot) callee = *slot;
+    } else {
+        callee = indexField(object, call->method, call->line);
+    }
+    pushValue(std::move(object));
+    return callee;
+}
+
 void Impl::evalCallToStack(const CallExpr* call, Frame& frame) {
     std::size_t base = m_top;
     Value callee;
     if (!call->method.isNil()) {
-        Value object = eval(call->callee, frame);
-        if (object.kind() == Kind::Table) {
-            const Value* slot = object.asTable()->findStringCached(call->method.asString(), call->cacheHint);
-            if (slot) callee = *slot;
-        } else {
-            callee = indexField(object, call->method, call->line);
-        }
-        pushValue(std::move(object));
+        callee = methodCallee(call, frame);
     } else {
         callee = eval(call->callee, frame);
     }
@@ -60,14 +67,7 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     std::size_t base = m_top;
     Value callee;
     if (!call->method.isNil()) {
-        Value object = eval(call->callee, frame);
-        if (object.kind() == Kind::Table) {
-            const Value* slot = object.asTable()->findStringCached(call->method.asString(), call->cacheHint);
-            if (slot) callee = *slot;
-        } else {
-            callee = indexField(object, call->method, call->line);
-        }
-        pushValue(std::move(object));
+        callee = methodCallee(call, frame);
     } else {
         const Expr* calleeExpr = call->callee;
         switch (calleeExpr->kind) {

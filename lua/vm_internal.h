@@ -104,6 +104,7 @@ struct LuaVM::Impl {
     [[gnu::noinline]] Value evalTable(const Expr* expr, Frame& frame);
 
     // Calls: arguments sit on the value stack from `base`; results land in m_returns.
+    Value methodCallee(const CallExpr* call, Frame& frame);
     void evalCallToStack(const CallExpr* call, Frame& frame);
     Value evalCall(const CallExpr* call, Frame& frame);
     void invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line);
