@@ -15,9 +15,15 @@ namespace korvel {
 using NativeFunction = std::function<Variable(const std::vector<Variable>&)>;
 
 struct FunctionProto;  // the compiled body of a script function (interpreter internal)
+struct Coroutine;      // a coroutine's own stack and state (interpreter internal)
 
 struct ScriptCallable : HeapObject {
     enum class Kind : std::uint8_t { Script, Chunk, Native };
+
+    ScriptCallable() = default;
+    ~ScriptCallable();
+    ScriptCallable(const ScriptCallable&) = delete;
+    ScriptCallable& operator=(const ScriptCallable&) = delete;
 
     Kind kind = Kind::Native;
     std::string name;                     // used in messages
@@ -30,6 +36,9 @@ struct ScriptCallable : HeapObject {
     double (*scalarUnary)(double) = nullptr;
     bool integralResult = false;     // an int when the result fits
     double scalarMinimum = -1.0 / 0.0;
+
+    // Set on the function value that stands for a coroutine (a Native one: calling it resumes).
+    Coroutine* coroutine = nullptr;
 };
 
 }  // namespace korvel

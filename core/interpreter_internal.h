@@ -204,6 +204,25 @@ private:
     std::size_t m_top = 0;    // used elements in the current block
 };
 
+// Everything one line of execution keeps while it runs: the main script has one, and each
+// coroutine has its own, exchanged with the interpreter's while the coroutine runs.
+struct ExecutionState {
+    std::vector<Activation> activations;
+    Activation* current = nullptr;
+    std::size_t argumentDepth = 0;
+    SegmentedStack<Variable> valueStack;
+    SegmentedStack<ForState> loopStack;
+    std::deque<std::vector<Variable>> argumentPool;
+    std::deque<std::vector<std::pair<std::string, Variable>>> nativeScopes;
+    std::size_t nativeDepth = 0;
+    std::uintptr_t stackBase = 0;
+    std::size_t stackLimit = 0;
+};
+
+// Thrown inside a suspended coroutine that is being closed: unwinds its stack. Not a
+// std::exception, so no handler on the way turns it into a script error.
+struct CoroutineClose {};
+
 class Interpreter {
 public:
     explicit Interpreter(KorvelScript& owner);
@@ -295,6 +314,7 @@ public:
     void registerIoLibrary();
     void registerContainerLibrary();
     void registerSystemLibrary();
+    void registerCoroutineLibrary();
     std::mt19937 random;  // random and math.random
 
     void write(std::string_view text);
@@ -335,6 +355,16 @@ public:
     std::vector<std::shared_ptr<Chunk>> liveChunks;  // chunks whose functions may still be called
 
     void checkStack();
+    // Bounds of the stack a coroutine runs on, from the address of a local at its bottom.
+    void setStackBounds(std::uintptr_t here, std::uintptr_t lowest);
+
+    // Coroutines
+    void exchangeExecutionState(ExecutionState& other);
+    Coroutine* runningCoroutine = nullptr;          // null while the main script runs
+    std::vector<Coroutine*> liveCoroutines;          // every coroutine not yet freed
+    std::vector<Coroutine*> coroutinesToClose;       // suspended ones nothing refers to any more
+    void closeUnreferencedCoroutines();
+    void shutDownCoroutines();
 };
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).

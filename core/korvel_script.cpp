@@ -25,6 +25,8 @@ Interpreter::~Interpreter() {
     returnValue = Variable();
     stringLibrary = Variable();
     globals.clear();
+    // Suspended coroutines unwind their stacks while the interpreter still works.
+    shutDownCoroutines();
     nativeScopes.clear();
     argumentPool.clear();
     collectCycles();
@@ -63,6 +65,7 @@ RunResult Interpreter::run(const std::shared_ptr<Chunk>& chunk) {
         result.errorMessage = "jumpTo(label): no nest label '" + jump.label + "'";
         result.errorReport = "KorvelScript error: " + result.errorMessage + "\n";
     }
+    if (activations.empty()) closeUnreferencedCoroutines();
     return result;
 }
 

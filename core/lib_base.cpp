@@ -164,6 +164,7 @@ void Interpreter::registerLibrary() {
     registerIoLibrary();
     registerContainerLibrary();
     registerSystemLibrary();
+    registerCoroutineLibrary();
 }
 
 }  // namespace korvel

@@ -217,3 +217,13 @@ void Interpreter::checkStack() {
 }
 
 }  // namespace korvel
+
+namespace korvel {
+
+void Interpreter::setStackBounds(std::uintptr_t here, std::uintptr_t lowest) {
+    std::size_t room = here > lowest ? here - lowest : 0;
+    stackBase = here;
+    stackLimit = room > 2 * kStackReserve ? room - kStackReserve : room / 2;
+}
+
+}  // namespace korvel
