@@ -660,6 +660,13 @@ private:
                               lines[static_cast<std::size_t>(proto.declLine)], outer);
         }
         collectSlots(proto);
+        linkLines(proto, true);
+    }
+
+    // Copies the block links into the compiled lines, numbers the loops, finds break targets
+    // and labels; with compileBodies, compiles each line as well.
+    void linkLines(FunctionProto& proto, bool compileBodies) {
+        auto& lines = m_chunk.parsed.lines;
         // Loops open around each line, for break targets.
         std::vector<std::int32_t> loops;
         for (std::int32_t i = proto.bodyBegin; i < proto.bodyEnd; ++i) {
@@ -678,17 +685,40 @@ private:
             if (line.kind == LineKind::Break) out.breakTarget = loops.empty() ? -1 : lines[static_cast<std::size_t>(loops.back())].endIndex;
             if (line.kind == LineKind::For) out.loopSlot = proto.loopCount++;
             if (isFunctionKind(line.kind) && out.proto) continue;  // compiled with its parameters
-            compileLine(proto, line, out);
-            assignScalarFunctions(out.expr);
-            assignScalarFunctions(out.stop);
-            assignScalarFunctions(out.step);
-            for (LValue& target : out.targets)
-                for (FastExpression* key : target.keys) assignScalarFunctions(key);
+            if (compileBodies) {
+                compileLine(proto, line, out);
+                assignScalarFunctions(out.expr);
+                assignScalarFunctions(out.stop);
+                assignScalarFunctions(out.step);
+                for (LValue& target : out.targets)
+                    for (FastExpression* key : target.keys) assignScalarFunctions(key);
+            }
             if (line.kind == LineKind::While || line.kind == LineKind::Repeat || line.kind == LineKind::For)
                 loops.push_back(i);
         }
     }
 
+public:
+    // The structure alone, for a chunk whose statements come from elsewhere (a bytecode image):
+    // prototypes with their bodies, block links, loop numbers, break targets and labels.
+    std::vector<FunctionProto*> buildStructure() {
+        auto& lines = m_chunk.parsed.lines;
+        m_owner.assign(lines.size(), nullptr);
+        m_chunk.lines.assign(lines.size(), CompiledLine{});
+        auto top = std::make_unique<FunctionProto>();
+        top->chunk = &m_chunk;
+        top->isChunk = true;
+        top->name = m_chunk.parsed.name;
+        top->bodyBegin = 0;
+        top->bodyEnd = static_cast<std::int32_t>(lines.size());
+        FunctionProto* root = top.get();
+        m_chunk.protos.push_back(std::move(top));
+        buildProto(*root);
+        for (auto& proto : m_chunk.protos) linkLines(*proto, false);
+        return m_owner;
+    }
+
+private:
     void compileLine(FunctionProto& proto, const ParsedScriptLine& line, CompiledLine& out) {
         LineCompiler lc(m_vm, m_chunk, proto, line);
         const auto& t = line.tokens;
@@ -887,6 +917,10 @@ StringObject* Interpreter::internString(std::string_view text) {
     internedStrings.emplace(std::string_view(object->text), object);
     ++object->refCount;  // one for the table, one for the caller
     return object;
+}
+
+std::vector<FunctionProto*> buildChunkStructure(Interpreter& vm, Chunk& chunk) {
+    return ChunkCompiler(vm, chunk).buildStructure();
 }
 
 Chunk::~Chunk() {

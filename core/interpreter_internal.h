@@ -367,6 +367,15 @@ public:
     void shutDownCoroutines();
 };
 
+struct KorvelScript::Impl {
+    explicit Impl(KorvelScript& owner) : vm(owner) {}
+    Interpreter vm;
+};
+
+// For a chunk whose parsed lines are in place but whose statements come from a bytecode image:
+// makes its prototypes and links as the compiler would. Returns the prototype owning each line.
+std::vector<FunctionProto*> buildChunkStructure(Interpreter& vm, Chunk& chunk);
+
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
 bool assignScalarFunctions(FastExpression* node);
 

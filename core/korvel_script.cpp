@@ -9,11 +9,6 @@
 
 namespace korvel {
 
-struct KorvelScript::Impl {
-    explicit Impl(KorvelScript& owner) : vm(owner) {}
-    Interpreter vm;
-};
-
 Interpreter::Interpreter(KorvelScript& script) : owner(script) {
     nativeScopes.resize(1);
     returnValue = Variable();

@@ -1,6 +1,7 @@
 // The KorvelScript interpreter: all a host needs to run scripts and exchange values with them.
 #pragma once
 
+#include "core/bytecode.h"
 #include "core/callable.h"
 #include "core/script_error.h"
 #include "core/table.h"
@@ -37,6 +38,14 @@ public:
     // Reads a script file (its path normalised) and runs it; its directory becomes the base for
     // relative paths used by the script.
     RunResult runFile(const std::string& path);
+
+    // Bytecode images. serialiseBytecode compiles source (a parse failure throws ScriptError with
+    // its report) into an image that remembers sourcePath for its reports.
+    std::vector<std::uint8_t> serialiseBytecode(std::string_view source, std::string_view sourcePath);
+    // Loads an image; an empty sourcePath keeps the one the image was made with. A damaged or
+    // foreign image throws ScriptError ("Invalid bytecode image: ...").
+    BytecodeProgram deserialiseBytecode(const std::vector<std::uint8_t>& bytes, std::string_view sourcePath = {});
+    RunResult runBytecode(const BytecodeProgram& program);
 
     // Registers a native function as the global `name`.
     void pushFunction(const std::string& name, NativeFunction function);

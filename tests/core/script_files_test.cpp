@@ -75,6 +75,42 @@ TEST_P(ScriptFile, MatchesItsExpectations) {
     }
 }
 
+// The same script from a bytecode image, made by one interpreter and run by a fresh one, prints
+// the same and fails with the same report.
+TEST_P(ScriptFile, RunsTheSameFromItsBytecodeImage) {
+    std::ifstream file(GetParam(), std::ios::binary);
+    ASSERT_TRUE(file) << GetParam();
+    std::stringstream buffer;
+    buffer << file.rdbuf();
+    std::string name = fs::path(GetParam()).filename().string();
+
+    korvel::KorvelScript fromSource;
+    std::string sourceOutput;
+    fromSource.setOutput([&](std::string_view text) { sourceOutput += text; });
+    korvel::RunResult expected = fromSource.runScript(buffer.str(), name);
+
+    std::vector<std::uint8_t> image;
+    {
+        korvel::KorvelScript compiler;
+        try {
+            image = compiler.serialiseBytecode(buffer.str(), name);
+        } catch (const korvel::ScriptError& error) {
+            // Only source that does not parse has no image; its report is the source run's.
+            EXPECT_FALSE(expected.ok) << GetParam();
+            EXPECT_EQ(error.report(), expected.errorReport) << GetParam();
+            return;
+        }
+    }
+    korvel::KorvelScript fromImage;
+    std::string imageOutput;
+    fromImage.setOutput([&](std::string_view text) { imageOutput += text; });
+    korvel::RunResult result = fromImage.runBytecode(fromImage.deserialiseBytecode(image));
+    EXPECT_EQ(imageOutput, sourceOutput) << GetParam();
+    EXPECT_EQ(result.ok, expected.ok) << GetParam();
+    EXPECT_EQ(result.errorMessage, expected.errorMessage) << GetParam();
+    EXPECT_EQ(result.errorReport, expected.errorReport) << GetParam();
+}
+
 std::string testName(const ::testing::TestParamInfo<std::string>& info) {
     std::string relative = fs::relative(info.param, KORVEL_SCRIPT_TEST_DIR).replace_extension().string();
     for (char& c : relative)

@@ -1,0 +1,138 @@
+// Little-endian byte writing and bounds-checked reading for the interpreter's binary files
+// (bytecode images and state files). A reader never reads past its end and never believes a
+// count that the remaining bytes could not hold.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korvel {
+
+class ByteWriter {
+public:
+    void u8(std::uint8_t value) { m_bytes.push_back(value); }
+    void u32(std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) m_bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+    }
+    void u64(std::uint64_t value) {
+        for (int i = 0; i < 8; ++i) m_bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+    }
+    // Unsigned LEB128.
+    void varint(std::uint64_t value) {
+        while (value >= 0x80) {
+            m_bytes.push_back(static_cast<std::uint8_t>(value | 0x80));
+            value >>= 7;
+        }
+        m_bytes.push_back(static_cast<std::uint8_t>(value));
+    }
+    // Signed values that are mostly small or -1, zigzag-encoded.
+    void svarint(std::int64_t value) {
+        varint((static_cast<std::uint64_t>(value) << 1) ^ static_cast<std::uint64_t>(value >> 63));
+    }
+    void text(std::string_view value) {
+        varint(value.size());
+        raw(value.data(), value.size());
+    }
+    void raw(const void* data, std::size_t size) {
+        if (size == 0) return;
+        std::size_t at = m_bytes.size();
+        m_bytes.resize(at + size);
+        std::memcpy(m_bytes.data() + at, data, size);
+    }
+    std::vector<std::uint8_t>& bytes() { return m_bytes; }
+
+private:
+    std::vector<std::uint8_t> m_bytes;
+};
+
+// Thrown by ByteReader when the data ends early or holds an impossible value.
+struct ByteReadError {
+    std::string message;
+};
+
+class ByteReader {
+public:
+    ByteReader(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
+
+    std::size_t position() const { return m_position; }
+    std::size_t remaining() const { return m_size - m_position; }
+    bool atEnd() const { return m_position == m_size; }
+
+    std::uint8_t u8() {
+        need(1);
+        return m_data[m_position++];
+    }
+    std::uint32_t u32() {
+        need(4);
+        std::uint32_t value = 0;
+        for (int i = 0; i < 4; ++i) value |= static_cast<std::uint32_t>(m_data[m_position++]) << (8 * i);
+        return value;
+    }
+    std::uint64_t u64() {
+        need(8);
+        std::uint64_t value = 0;
+        for (int i = 0; i < 8; ++i) value |= static_cast<std::uint64_t>(m_data[m_position++]) << (8 * i);
+        return value;
+    }
+    std::uint64_t varint() {
+        std::uint64_t value = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            std::uint8_t byte = u8();
+            value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+            if (!(byte & 0x80)) return value;
+        }
+        throw ByteReadError{"malformed number"};
+    }
+    std::int64_t svarint() {
+        std::uint64_t raw = varint();
+        return static_cast<std::int64_t>((raw >> 1) ^ (~(raw & 1) + 1));
+    }
+    // A signed value that must lie in [low, high].
+    std::int32_t ranged(std::int64_t low, std::int64_t high, const char* what) {
+        std::int64_t value = svarint();
+        if (value < low || value > high) throw ByteReadError{std::string(what) + " out of range"};
+        return static_cast<std::int32_t>(value);
+    }
+    // A count of items each taking at least minimumBytes: more than the rest could hold is a lie.
+    std::size_t count(std::size_t minimumBytes, const char* what) {
+        std::uint64_t value = varint();
+        if (minimumBytes == 0) minimumBytes = 1;
+        if (value > remaining() / minimumBytes) throw ByteReadError{std::string("impossible ") + what + " count"};
+        return static_cast<std::size_t>(value);
+    }
+    std::string text() {
+        std::size_t length = count(1, "text length");
+        std::string value(reinterpret_cast<const char*>(m_data + m_position), length);
+        m_position += length;
+        return value;
+    }
+    void raw(void* out, std::size_t size) {
+        need(size);
+        std::memcpy(out, m_data + m_position, size);
+        m_position += size;
+    }
+
+private:
+    void need(std::size_t bytes) const {
+        if (bytes > m_size - m_position) throw ByteReadError{"truncated"};
+    }
+
+    const std::uint8_t* m_data;
+    std::size_t m_size;
+    std::size_t m_position = 0;
+};
+
+// FNV-1a over a byte range: catches damaged files before anything is believed.
+inline std::uint32_t byteChecksum(const std::uint8_t* data, std::size_t size) {
+    std::uint32_t hash = 2166136261u;
+    for (std::size_t i = 0; i < size; ++i) {
+        hash ^= data[i];
+        hash *= 16777619u;
+    }
+    return hash;
+}
+
+}  // namespace korvel

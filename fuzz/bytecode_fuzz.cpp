@@ -1,0 +1,50 @@
+// Bytecode images from arbitrary bytes. An input that starts with "KSBC" is taken as an image
+// whose checksum is set right first, so that mutations reach the validation behind it; any
+// other input is compiled as source and round-tripped through an image. Whatever loads runs
+// under a statement budget. Crashes, sanitizer reports, hangs and unbounded allocations are
+// findings; refusals and script errors are expected results.
+#include "core/korvel_script.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+void resign(std::vector<std::uint8_t>& image) {
+    if (image.size() < 12) return;
+    std::uint32_t hash = 2166136261u;
+    for (std::size_t i = 12; i < image.size(); ++i) {
+        hash ^= image[i];
+        hash *= 16777619u;
+    }
+    for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::uint8_t> image(data, data + size);
+    if (size >= 4 && std::memcmp(data, "KSBC", 4) == 0) {
+        resign(image);
+    } else {
+        korvel::KorvelScript compiler;
+        try {
+            image = compiler.serialiseBytecode(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz.ks");
+        } catch (const korvel::ScriptError&) {
+            return 0;
+        }
+    }
+    korvel::KorvelScript script;
+    script.setOutput([](std::string_view) {});
+    script.setStepBudget(20000);
+    script.setCallDepthLimit(2000);
+    try {
+        korvel::BytecodeProgram program = script.deserialiseBytecode(image);
+        script.runBytecode(program);
+    } catch (const korvel::ScriptError&) {
+    }
+    return 0;
+}

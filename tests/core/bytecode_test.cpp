@@ -1,0 +1,172 @@
+// Bytecode images: what a program remembers about its source, and what a damaged image does.
+#include "core/korvel_script.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace korvel {
+namespace {
+
+constexpr const char* kProgram = R"(total = 0
+function add(a, b)
+  local sum = a + b
+  return sum
+end
+function outer.inner(x)
+  return x * 2
+end
+for i = 1, 10
+  total = add(total, i)
+end
+t = {name: "crate", sizes: [1, 2, 3]}
+print(total, t.name, #t.sizes)
+value = 1 / 0
+)";
+
+std::vector<std::uint8_t> imageOf(const char* source, const char* name = "game/main.ks") {
+    KorvelScript compiler;
+    compiler.runScript("outer = {}");
+    return compiler.serialiseBytecode(source, name);
+}
+
+struct ImageRun {
+    RunResult result;
+    std::string output;
+};
+
+ImageRun runImage(const std::vector<std::uint8_t>& image, std::string_view path = {}) {
+    KorvelScript script;
+    ImageRun run;
+    script.setOutput([&](std::string_view text) { run.output += text; });
+    script.runScript("outer = {}");
+    BytecodeProgram program = script.deserialiseBytecode(image, path);
+    run.result = script.runBytecode(program);
+    return run;
+}
+
+TEST(BytecodeTest, ImageBeginsWithItsMagicAndRunsLikeItsSource) {
+    std::vector<std::uint8_t> image = imageOf(kProgram);
+    ASSERT_GE(image.size(), 12u);
+    EXPECT_EQ(std::string(image.begin(), image.begin() + 4), "KSBC");
+    ImageRun run = runImage(image);
+    EXPECT_EQ(run.output, "55 crate 3\n");
+    EXPECT_FALSE(run.result.ok);
+    EXPECT_EQ(run.result.errorMessage, "Division by zero");
+    EXPECT_NE(run.result.errorReport.find("at game/main.ks:14"), std::string::npos) << run.result.errorReport;
+    EXPECT_NE(run.result.errorReport.find("value = 1 / 0"), std::string::npos) << run.result.errorReport;
+}
+
+TEST(BytecodeTest, ProgramRecordsNameTheProgramAndEachFunction) {
+    KorvelScript script;
+    BytecodeProgram program = script.deserialiseBytecode(imageOf(kProgram));
+    EXPECT_EQ(program.sourcePath, "game/main.ks");
+    EXPECT_EQ(program.sourceDirectory, "game/");
+    ASSERT_EQ(program.records.size(), 3u);
+    EXPECT_EQ(program.records[0].name, "game/main.ks");
+    EXPECT_EQ(program.records[1].name, "add");
+    EXPECT_EQ(program.records[2].name, "outer.inner");
+    for (const BytecodeRecord& record : program.records) EXPECT_EQ(record.sourceDirectory, "game/");
+}
+
+TEST(BytecodeTest, LoadingUnderAnotherPathReportsThatPath) {
+    ImageRun run = runImage(imageOf(kProgram), "C:\\games\\quest\\start.ks");
+    EXPECT_NE(run.result.errorReport.find("at C:\\games\\quest\\start.ks:14"), std::string::npos) << run.result.errorReport;
+    KorvelScript script;
+    BytecodeProgram program = script.deserialiseBytecode(imageOf(kProgram), "C:\\games\\quest\\start.ks");
+    EXPECT_EQ(program.sourceDirectory, "C:/games/quest/");
+}
+
+TEST(BytecodeTest, SourceThatDoesNotParseHasNoImage) {
+    KorvelScript script;
+    try {
+        script.serialiseBytecode("x = 1\ny = \"unterminated\n", "bad.ks");
+        FAIL() << "an image was made";
+    } catch (const ScriptError& error) {
+        EXPECT_NE(error.report().find("bad.ks"), std::string::npos) << error.report();
+    }
+}
+
+struct DamagedImage {
+    const char* what;
+    std::vector<std::uint8_t> bytes;
+    const char* message;
+};
+
+TEST(BytecodeTest, DamagedImagesAreRefusedWithAReason) {
+    std::vector<std::uint8_t> good = imageOf(kProgram);
+    std::vector<std::uint8_t> wrongVersion = good;
+    wrongVersion[4] = 99;
+    std::vector<std::uint8_t> flipped = good;
+    flipped[good.size() / 2] ^= 0x40;
+    std::vector<std::uint8_t> foreign(good.size(), 'x');
+    std::vector<DamagedImage> cases = {
+        {"empty", {}, "Invalid bytecode image: not a KSBC image"},
+        {"foreign", foreign, "Invalid bytecode image: not a KSBC image"},
+        {"version", wrongVersion, "Invalid bytecode image: format version 99 (this engine reads version 1)"},
+        {"flipped bit", flipped, "Invalid bytecode image: checksum mismatch (the file is damaged)"},
+        {"header only", std::vector<std::uint8_t>(good.begin(), good.begin() + 12),
+         "Invalid bytecode image: checksum mismatch (the file is damaged)"},
+    };
+    for (const DamagedImage& c : cases) {
+        KorvelScript script;
+        try {
+            script.deserialiseBytecode(c.bytes);
+            ADD_FAILURE() << c.what << ": accepted";
+        } catch (const ScriptError& error) {
+            EXPECT_STREQ(error.what(), c.message) << c.what;
+        }
+    }
+}
+
+// Rewrites the checksum so that the damage reaches the validation behind it.
+void resign(std::vector<std::uint8_t>& image) {
+    std::uint32_t hash = 2166136261u;
+    for (std::size_t i = 12; i < image.size(); ++i) {
+        hash ^= image[i];
+        hash *= 16777619u;
+    }
+    for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
+}
+
+TEST(BytecodeTest, EveryTruncationIsRefused) {
+    std::vector<std::uint8_t> good = imageOf(kProgram);
+    for (std::size_t length = 12; length < good.size(); ++length) {
+        std::vector<std::uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length));
+        resign(cut);
+        KorvelScript script;
+        EXPECT_THROW(script.deserialiseBytecode(cut), ScriptError) << "length " << length;
+    }
+}
+
+TEST(BytecodeTest, CorruptionBehindAValidChecksumNeverCrashes) {
+    // Each byte of the body replaced by 0 and by 255: the loader refuses, or the program
+    // runs (under a step budget) and ends one way or another. Nothing may crash.
+    std::vector<std::uint8_t> good = imageOf(kProgram);
+    int refused = 0, ran = 0;
+    for (std::size_t at = 12; at < good.size(); ++at) {
+        for (std::uint8_t value : {std::uint8_t{0}, std::uint8_t{0xff}}) {
+            std::vector<std::uint8_t> bad = good;
+            if (bad[at] == value) continue;
+            bad[at] = value;
+            resign(bad);
+            KorvelScript script;
+            script.setOutput([](std::string_view) {});
+            script.setStepBudget(10000);
+            script.runScript("outer = {}");
+            try {
+                BytecodeProgram program = script.deserialiseBytecode(bad);
+                script.runBytecode(program);
+                ++ran;
+            } catch (const ScriptError&) {
+                ++refused;
+            }
+        }
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(ran, 0);
+}
+
+}  // namespace
+}  // namespace korvel
