@@ -315,6 +315,13 @@ public:
     void registerContainerLibrary();
     void registerSystemLibrary();
     void registerCoroutineLibrary();
+    void registerStateLibrary();
+
+    // State files
+    std::vector<std::uint8_t> exportState();
+    // Checks the whole file first; throws ScriptError and leaves the globals alone if it fails.
+    void importState(const std::uint8_t* data, std::size_t size, const std::string& source);
+    std::vector<Variable> libraryGlobals;  // what each global slot held once the library was in
     std::mt19937 random;  // random and math.random
 
     void write(std::string_view text);

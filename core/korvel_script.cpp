@@ -20,6 +20,7 @@ Interpreter::~Interpreter() {
     returnValue = Variable();
     stringLibrary = Variable();
     globals.clear();
+    libraryGlobals.clear();
     // Suspended coroutines unwind their stacks while the interpreter still works.
     shutDownCoroutines();
     nativeScopes.clear();

@@ -165,6 +165,8 @@ void Interpreter::registerLibrary() {
     registerContainerLibrary();
     registerSystemLibrary();
     registerCoroutineLibrary();
+    registerStateLibrary();
+    libraryGlobals = globals;
 }
 
 }  // namespace korvel
