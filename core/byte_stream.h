@@ -125,14 +125,23 @@ private:
     std::size_t m_position = 0;
 };
 
-// FNV-1a over a byte range: catches damaged files before anything is believed.
+// A checksum over a byte range that catches damaged files before anything is believed: four
+// FNV-1a lanes over 32-bit words (so it runs at memory speed), the tail byte by byte, folded.
 inline std::uint32_t byteChecksum(const std::uint8_t* data, std::size_t size) {
-    std::uint32_t hash = 2166136261u;
-    for (std::size_t i = 0; i < size; ++i) {
-        hash ^= data[i];
-        hash *= 16777619u;
+    std::uint32_t lanes[4] = {2166136261u, 2166136261u ^ 1u, 2166136261u ^ 2u, 2166136261u ^ 3u};
+    std::size_t i = 0;
+    for (; i + 16 <= size; i += 16) {
+        for (int lane = 0; lane < 4; ++lane) {
+            std::uint32_t word = static_cast<std::uint32_t>(data[i + 4 * lane]) |
+                                 static_cast<std::uint32_t>(data[i + 4 * lane + 1]) << 8 |
+                                 static_cast<std::uint32_t>(data[i + 4 * lane + 2]) << 16 |
+                                 static_cast<std::uint32_t>(data[i + 4 * lane + 3]) << 24;
+            lanes[lane] = (lanes[lane] ^ word) * 16777619u;
+        }
     }
-    return hash;
+    std::uint32_t hash = lanes[0] ^ (lanes[1] * 31u) ^ (lanes[2] * 961u) ^ (lanes[3] * 29791u);
+    for (; i < size; ++i) hash = (hash ^ data[i]) * 16777619u;
+    return (hash ^ static_cast<std::uint32_t>(size)) * 16777619u;
 }
 
 }  // namespace korvel

@@ -65,9 +65,17 @@ public:
         for (const ParsedScriptLine& line : parsed.lines) {
             m_out.svarint(line.sourceLine);
             m_out.varint(line.tokens.size());
+            std::string_view physical;
+            if (line.sourceLine >= 1 && static_cast<std::size_t>(line.sourceLine) <= parsed.sourceLines.size())
+                physical = parsed.sourceLines[static_cast<std::size_t>(line.sourceLine - 1)];
             for (std::size_t k = 0; k < line.tokens.size(); ++k) {
-                m_out.text(line.tokens[k]);
-                m_out.svarint(k < line.columns.size() ? line.columns[k] : 0);
+                std::uint32_t column = k < line.columns.size() ? line.columns[k] : 0;
+                m_out.varint(column);
+                // Most tokens are their source text at their column: then only the length.
+                const std::string& token = line.tokens[k];
+                bool verbatim = column <= physical.size() && physical.substr(column, token.size()) == token;
+                m_out.varint(token.size() * 2 + (verbatim ? 1 : 0));
+                if (!verbatim) m_out.raw(token.data(), token.size());
             }
         }
         m_out.varint(m_chunk.protos.size());
@@ -102,8 +110,13 @@ private:
         }
     }
 
+    // References to the same name in the same way share one record.
     void numberName(const NameRef* name) {
-        if (name && m_nameIndex.emplace(name, m_names.size()).second) m_names.push_back(name);
+        if (!name || m_nameIndex.count(name)) return;
+        std::string key = name->name + '\0' + std::to_string(name->scope) + '\0' + std::to_string(name->localSlot);
+        auto [found, added] = m_sameName.emplace(std::move(key), m_names.size());
+        if (added) m_names.push_back(name);
+        m_nameIndex.emplace(name, found->second);
     }
 
     void numberTree(const FastExpression* root) {
@@ -209,6 +222,7 @@ private:
     const Chunk& m_chunk;
     std::vector<const NameRef*> m_names;
     std::unordered_map<const NameRef*, std::size_t> m_nameIndex;
+    std::unordered_map<std::string, std::size_t> m_sameName;
     std::vector<const FastExpression*> m_nodes;
     std::unordered_map<const FastExpression*, std::size_t> m_nodeIndex;
 };
@@ -246,12 +260,26 @@ private:
         parsed.lines.resize(lineCount);
         for (ParsedScriptLine& line : parsed.lines) {
             line.sourceLine = m_in.ranged(0, INT32_MAX, "source line number");
+            std::string_view physical;
+            if (line.sourceLine >= 1 && static_cast<std::size_t>(line.sourceLine) <= parsed.sourceLines.size())
+                physical = parsed.sourceLines[static_cast<std::size_t>(line.sourceLine - 1)];
             std::size_t tokenCount = m_in.count(2, "token");
             line.tokens.reserve(tokenCount);
             line.columns.reserve(tokenCount);
             for (std::size_t k = 0; k < tokenCount; ++k) {
-                line.tokens.push_back(m_in.text());
-                line.columns.push_back(static_cast<std::uint32_t>(m_in.ranged(0, INT32_MAX, "token column")));
+                std::uint64_t column = m_in.varint();
+                if (column > INT32_MAX) refuse("token column out of range");
+                line.columns.push_back(static_cast<std::uint32_t>(column));
+                std::uint64_t lengthAndFlag = m_in.varint();
+                std::uint64_t length = lengthAndFlag >> 1;
+                if (lengthAndFlag & 1) {
+                    if (column > physical.size() || length > physical.size() - column) refuse("token outside its line");
+                    line.tokens.emplace_back(physical.substr(static_cast<std::size_t>(column), static_cast<std::size_t>(length)));
+                } else {
+                    if (length > m_in.remaining()) refuse("truncated");
+                    std::string& token = line.tokens.emplace_back(static_cast<std::size_t>(length), '\0');
+                    m_in.raw(token.data(), token.size());
+                }
             }
         }
         // Kinds and block links come from the tokens, exactly as when the source is parsed.
@@ -298,6 +326,20 @@ private:
         if (reference > limit) refuse("expression reference out of range");
         return m_nodeList[reference - 1];
     }
+    // A child of the node being read; its index is kept for measuring.
+    FastExpression* readReference(std::size_t limit) {
+        std::uint64_t reference = m_in.varint();
+        FastExpression* node = nodeAt(reference, limit);
+        if (node) m_children.push_back(static_cast<std::size_t>(reference - 1));
+        return node;
+    }
+    // A statement's expression: checked against the slots of the function running it.
+    FastExpression* readRoot(std::size_t slots) {
+        std::uint64_t reference = m_in.varint();
+        FastExpression* node = nodeAt(reference, m_nodeList.size());
+        if (node && m_maxSlot[reference - 1] >= static_cast<std::int32_t>(slots)) refuse("local slot out of range");
+        return node;
+    }
 
     StringObject* key(std::string_view text) {
         StringObject* object = m_vm.internString(text);
@@ -339,11 +381,12 @@ private:
             node.op = static_cast<Op>(op);
             node.token = m_in.ranged(-1, INT32_MAX, "token index");
             node.name = nameAt(m_in.varint());
-            node.left = nodeAt(m_in.varint(), i);
-            node.right = nodeAt(m_in.varint(), i);
+            m_children.clear();
+            node.left = readReference(i);
+            node.right = readReference(i);
             std::size_t items = m_in.count(1, "expression item");
             node.items.reserve(items);
-            for (std::size_t k = 0; k < items; ++k) node.items.push_back(nodeAt(m_in.varint(), i));
+            for (std::size_t k = 0; k < items; ++k) node.items.push_back(readReference(i));
             std::size_t keys = m_in.count(1, "table key");
             node.keys.reserve(keys);
             for (std::size_t k = 0; k < keys; ++k) node.keys.push_back(m_in.u8() ? key(m_in.text()) : nullptr);
@@ -392,23 +435,18 @@ private:
     void measure(FastExpression& node) {
         std::uint32_t height = 0, cost = 0;
         std::int32_t maxSlot = node.name ? node.name->localSlot : -1;
-        auto visit = [&](const FastExpression* child) {
-            if (!child) return;
-            std::size_t index = indexOf(child);
-            height = std::max(height, child->height);
+        for (std::size_t index : m_children) {
+            height = std::max(height, m_nodeList[index]->height);
             cost = std::max(cost, m_cost[index]);
             maxSlot = std::max(maxSlot, m_maxSlot[index]);
-        };
-        visit(node.left);
-        visit(node.right);
-        for (const FastExpression* item : node.items) visit(item);
+        }
         node.height = height + 1;
         std::uint32_t chainCost = 0;
         if (isChainOperator(node.op) && node.height > kChainHeight) {
-            // Walked in a loop: the left spine adds no depth.
-            std::size_t left = indexOf(node.left);
+            // Walked in a loop: the left spine adds no depth. Binary nodes read left, then right.
+            std::size_t left = m_children[0], right = m_children[1];
             bool leftChains = isChainOperator(node.left->op) && node.left->height > kChainHeight;
-            chainCost = std::max(leftChains ? m_chainCost[left] : m_cost[left], m_cost[indexOf(node.right)]);
+            chainCost = std::max(leftChains ? m_chainCost[left] : m_cost[left], m_cost[right]);
             cost = chainCost;
         }
         ++cost;
@@ -416,14 +454,6 @@ private:
         m_cost.push_back(cost);
         m_chainCost.push_back(chainCost);
         m_maxSlot.push_back(maxSlot);
-        m_index.emplace(&node, m_nodeList.size());
-    }
-
-    std::size_t indexOf(const FastExpression* node) const { return m_index.at(node); }
-
-    // The tree must only read slots the running function has.
-    void checkTree(const FastExpression* root, std::size_t slots) {
-        if (root && m_maxSlot[indexOf(root)] >= static_cast<std::int32_t>(slots)) refuse("local slot out of range");
     }
 
     static bool statementFits(StmtKind kind, LineKind line) {
@@ -448,17 +478,18 @@ private:
     }
 
     void readLines() {
-        std::size_t limit = m_nodeList.size();
         for (std::size_t i = 0; i < m_chunk->lines.size(); ++i) {
             CompiledLine& line = m_chunk->lines[i];
+            const FunctionProto* owner = m_owner[i];
+            std::size_t slots = owner ? owner->slotNames.size() : 0;
             std::uint8_t kind = m_in.u8();
             if (kind > static_cast<std::uint8_t>(StmtKind::Nest)) refuse("unknown statement kind");
             line.kind = static_cast<StmtKind>(kind);
             line.errorToken = m_in.ranged(-1, INT32_MAX, "token index");
             line.message = m_in.text();
-            line.expr = nodeAt(m_in.varint(), limit);
-            line.stop = nodeAt(m_in.varint(), limit);
-            line.step = nodeAt(m_in.varint(), limit);
+            line.expr = readRoot(slots);
+            line.stop = readRoot(slots);
+            line.step = readRoot(slots);
             line.compoundOp = static_cast<char>(m_in.u8());
             std::uint8_t appends = m_in.u8();
             std::uint8_t iterKind = m_in.u8();
@@ -476,26 +507,19 @@ private:
                 if (target.scope == TargetScope::Plain && target.name->scope != -1) refuse("bad assignment target");
                 std::size_t keys = m_in.count(1, "target key");
                 for (std::size_t k = 0; k < keys; ++k) {
-                    FastExpression* key = nodeAt(m_in.varint(), limit);
+                    FastExpression* key = readRoot(slots);
                     if (!key) refuse("missing target key");
                     target.keys.push_back(key);
                 }
             }
-            checkLine(i, line);
+            checkLine(line, slots);
         }
     }
 
-    void checkLine(std::size_t index, const CompiledLine& line) {
+    void checkLine(const CompiledLine& line, std::size_t slots) {
         if (!statementFits(line.kind, line.lineKind)) refuse("statement does not fit its line");
-        const FunctionProto* owner = m_owner[index];
-        std::size_t slots = owner ? owner->slotNames.size() : 0;
-        checkTree(line.expr, slots);
-        checkTree(line.stop, slots);
-        checkTree(line.step, slots);
-        for (const LValue& target : line.targets) {
+        for (const LValue& target : line.targets)
             if (target.name->localSlot >= static_cast<std::int32_t>(slots)) refuse("local slot out of range");
-            for (const FastExpression* key : target.keys) checkTree(key, slots);
-        }
         bool ok = true;
         switch (line.kind) {
         case StmtKind::Expression:
@@ -547,7 +571,7 @@ private:
     std::vector<FunctionProto*> m_owner;
     std::vector<NameRef*> m_nameList;
     std::vector<FastExpression*> m_nodeList;
-    std::unordered_map<const FastExpression*, std::size_t> m_index;
+    std::vector<std::size_t> m_children;  // indices of the children of the node being read
     std::vector<std::uint32_t> m_cost;
     std::vector<std::uint32_t> m_chainCost;
     std::vector<std::int32_t> m_maxSlot;

@@ -3,6 +3,7 @@
 // other input is compiled as source and round-tripped through an image. Whatever loads runs
 // under a statement budget. Crashes, sanitizer reports, hangs and unbounded allocations are
 // findings; refusals and script errors are expected results.
+#include "core/byte_stream.h"
 #include "core/korvel_script.h"
 
 #include <cstddef>
@@ -15,11 +16,7 @@ namespace {
 
 void resign(std::vector<std::uint8_t>& image) {
     if (image.size() < 12) return;
-    std::uint32_t hash = 2166136261u;
-    for (std::size_t i = 12; i < image.size(); ++i) {
-        hash ^= image[i];
-        hash *= 16777619u;
-    }
+    std::uint32_t hash = korvel::byteChecksum(image.data() + 12, image.size() - 12);
     for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
 }
 

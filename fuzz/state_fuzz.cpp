@@ -3,6 +3,7 @@
 // script and its exported state is imported again. A failed import must leave the globals as
 // they were (checked by exporting before and after). Crashes, sanitizer reports, hangs and
 // unbounded allocations are findings.
+#include "core/byte_stream.h"
 #include "core/korvel_script.h"
 
 #include <cstddef>
@@ -16,11 +17,7 @@ namespace {
 
 void resign(std::vector<std::uint8_t>& bytes) {
     if (bytes.size() < 12) return;
-    std::uint32_t hash = 2166136261u;
-    for (std::size_t i = 12; i < bytes.size(); ++i) {
-        hash ^= bytes[i];
-        hash *= 16777619u;
-    }
+    std::uint32_t hash = korvel::byteChecksum(bytes.data() + 12, bytes.size() - 12);
     for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
 }
 

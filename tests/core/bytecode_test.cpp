@@ -1,4 +1,5 @@
 // Bytecode images: what a program remembers about its source, and what a damaged image does.
+#include "core/byte_stream.h"
 #include "core/korvel_script.h"
 
 #include <gtest/gtest.h>
@@ -122,11 +123,7 @@ TEST(BytecodeTest, DamagedImagesAreRefusedWithAReason) {
 
 // Rewrites the checksum so that the damage reaches the validation behind it.
 void resign(std::vector<std::uint8_t>& image) {
-    std::uint32_t hash = 2166136261u;
-    for (std::size_t i = 12; i < image.size(); ++i) {
-        hash ^= image[i];
-        hash *= 16777619u;
-    }
+    std::uint32_t hash = korvel::byteChecksum(image.data() + 12, image.size() - 12);
     for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
 }
 

@@ -1,6 +1,7 @@
 // State files on disk and between interpreters: round trips, crash-safe saving, and damaged
 // files that must leave the globals exactly as they were.
 #include "core/file_io.h"
+#include "core/byte_stream.h"
 #include "core/korvel_script.h"
 
 #include <gtest/gtest.h>
@@ -107,11 +108,7 @@ TEST_F(StateFileTest, AFailedSaveLeavesTheOldSaveWhole) {
 
 // Rewrites the checksum so that the damage reaches the checks behind it.
 void resign(std::vector<std::uint8_t>& bytes) {
-    std::uint32_t hash = 2166136261u;
-    for (std::size_t i = 12; i < bytes.size(); ++i) {
-        hash ^= bytes[i];
-        hash *= 16777619u;
-    }
+    std::uint32_t hash = korvel::byteChecksum(bytes.data() + 12, bytes.size() - 12);
     for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
 }
 
