@@ -24,6 +24,8 @@ Interpreter::~Interpreter() {
     // kept alive.
     returnValue = Variable();
     stringLibrary = Variable();
+    for (BuiltinEntry& entry : builtins) entry.callable = Variable();
+    gsubPatterns.clear();
     globals.clear();
     nativeScopes.clear();
     argumentPool.clear();
@@ -234,6 +236,7 @@ void KorvelScript::setCallDepthLimit(int depth) {
 void KorvelScript::setStepBudget(std::uint64_t steps) {
     m_impl->vm.stepBudget = steps;
     m_impl->vm.steps = 0;
+    m_impl->vm.patternSteps = 0;
 }
 
 }  // namespace korvel
