@@ -328,6 +328,7 @@ public:
     void registerIoLibrary();
     void registerContainerLibrary();
     void registerSystemLibrary();
+    void registerFileLibrary();
     BuiltinEntry builtins[static_cast<std::size_t>(BuiltinId::Count)];
     std::mt19937 random;  // random and math.random
 
@@ -382,6 +383,11 @@ public:
     static constexpr std::uint64_t kPatternStepsPerStatement = 100;
     long patternStepLimit(long wanted) const;
     std::uint64_t patternSteps = 0;  // spent against the allowance
+
+    // Set by KorvelScript::setSandboxed: no files or processes from scripts.
+    bool sandboxed = false;
+    // Fails with "<function> is not available in a sandboxed interpreter" when sandboxed.
+    void requireUnsandboxed(const char* function) const;
 };
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).

@@ -233,6 +233,8 @@ void KorvelScript::setCallDepthLimit(int depth) {
     std::vector<Activation>().swap(vm.activations);
 }
 
+void KorvelScript::setSandboxed(bool sandboxed) { m_impl->vm.sandboxed = sandboxed; }
+
 void KorvelScript::setStepBudget(std::uint64_t steps) {
     m_impl->vm.stepBudget = steps;
     m_impl->vm.steps = 0;

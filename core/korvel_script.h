@@ -70,6 +70,10 @@ public:
     // search fails with "pattern too complex".
     void setStepBudget(std::uint64_t steps);
 
+    // For fuzzing and untrusted scripts: io.open, io.popen, io.read and os.remove fail with
+    // "<function> is not available in a sandboxed interpreter".
+    void setSandboxed(bool sandboxed);
+
     struct Impl;
     Impl& impl() { return *m_impl; }
 

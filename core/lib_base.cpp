@@ -173,6 +173,7 @@ void Interpreter::registerLibrary() {
     registerIoLibrary();
     registerContainerLibrary();
     registerSystemLibrary();
+    registerFileLibrary();
 }
 
 }  // namespace korvel

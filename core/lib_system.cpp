@@ -108,6 +108,7 @@ void Interpreter::registerSystemLibrary() {
         return Variable(static_cast<std::int32_t>(std::time(nullptr)));
     });
     lib.member(os, "os", "remove", [this](const Args& args) {
+        requireUnsandboxed("os['remove']");
         if (args.size() != 1 || args[0].type() != VarType::String)
             throw ScriptError("os['remove'](path) requires exactly one path string");
         std::string path = KorvelScript::normalisePath(args[0].asString());

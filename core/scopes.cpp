@@ -231,4 +231,8 @@ long Interpreter::patternStepLimit(long wanted) const {
     return static_cast<long>(std::min<std::uint64_t>(static_cast<std::uint64_t>(wanted), allowance - patternSteps));
 }
 
+void Interpreter::requireUnsandboxed(const char* function) const {
+    if (sandboxed) throw ScriptError(std::string(function) + " is not available in a sandboxed interpreter");
+}
+
 }  // namespace korvel
