@@ -514,6 +514,7 @@ Variable Interpreter::invokeCallableFast(const FastExpression* n) {
         if (!n->items.empty()) throw ScriptError("Loaded script chunks do not accept call arguments");
         if (!callable.proto) throw ScriptError("Attempted to call an invalid function value");
         FunctionProto& proto = *callable.proto;
+        ScriptDirectoryScope directory(*this, proto.chunk->directory);
         SlotReservation reservation(*this, proto);
         reservation.handedOver = true;
         return callScript(proto, reservation.slots, reservation.mark);
@@ -531,6 +532,8 @@ Variable Interpreter::call(const Variable& callee, const std::vector<Variable>& 
         throw ScriptError("Loaded script chunks do not accept call arguments");
     FunctionProto& proto = *callable.proto;
     Variable keepAlive = callee;
+    std::optional<ScriptDirectoryScope> directory;
+    if (callable.kind == ScriptCallable::Kind::Chunk) directory.emplace(*this, proto.chunk->directory);
     SlotReservation reservation(*this, proto);
     auto params = static_cast<std::size_t>(proto.paramCount);
     for (std::size_t i = 0; i < params; ++i)

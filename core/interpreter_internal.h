@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <random>
 #include <span>
 #include <string>
@@ -162,6 +163,7 @@ struct Chunk : std::enable_shared_from_this<Chunk> {
     std::deque<NameRef> names;
     std::vector<std::unique_ptr<FunctionProto>> protos;  // protos[0] is the top level
     std::vector<StringObject*> ownedKeys;
+    std::optional<std::string> directory;  // a script file's directory, the base for its relative paths
     ~Chunk();
 };
 
@@ -384,11 +386,34 @@ public:
     long patternStepLimit(long wanted) const;
     std::uint64_t patternSteps = 0;  // spent against the allowance
 
-    // Set by KorvelScript::setSandboxed: no files or processes from scripts.
+    // Set by KorvelScript::setSandboxed: no files, processes or script files from scripts.
     bool sandboxed = false;
     // Fails with "<function> is not available in a sandboxed interpreter" when sandboxed.
     void requireUnsandboxed(const char* function) const;
 };
+
+// Keeps the directory of a script file as the base for relative paths while it runs.
+struct ScriptDirectoryScope {
+    Interpreter& vm;
+    bool pushed = false;
+    ScriptDirectoryScope(Interpreter& interpreter, const std::optional<std::string>& directory) : vm(interpreter) {
+        if (directory) {
+            vm.scriptDirectories.push_back(*directory);
+            pushed = true;
+        }
+    }
+    ~ScriptDirectoryScope() {
+        if (pushed) vm.scriptDirectories.pop_back();
+    }
+    ScriptDirectoryScope(const ScriptDirectoryScope&) = delete;
+    ScriptDirectoryScope& operator=(const ScriptDirectoryScope&) = delete;
+};
+
+// Whole files for loadFile, runFile and KorvelScript::runFile; false when the file cannot be
+// read or is larger than a script may be.
+bool readScriptFile(const std::string& path, std::string& out);
+// "dir/sub/" for "dir/sub/name.ks"; "" for a bare name.
+std::string directoryOfPath(const std::string& path);
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
 bool assignScalarFunctions(FastExpression* node);

@@ -70,8 +70,8 @@ public:
     // search fails with "pattern too complex".
     void setStepBudget(std::uint64_t steps);
 
-    // For fuzzing and untrusted scripts: io.open, io.popen, io.read and os.remove fail with
-    // "<function> is not available in a sandboxed interpreter".
+    // For fuzzing and untrusted scripts: io.open, io.popen, io.read, os.remove, loadFile and
+    // runFile fail with "<function> is not available in a sandboxed interpreter".
     void setSandboxed(bool sandboxed);
 
     struct Impl;

@@ -1,5 +1,6 @@
 // The global helpers the language itself relies on: print, typeOf, len, toString, toNumber,
-// pcall, error, assert, load, pairs, ipairs, select, jumpTo, and the version constants.
+// pcall, error, assert, load, loadFile, runFile, pairs, ipairs, select, jumpTo, and the
+// version constants.
 #include "core/interpreter_internal.h"
 #include "core/library_internal.h"
 
@@ -118,6 +119,39 @@ void Interpreter::registerBaseLibrary() {
         std::shared_ptr<Chunk> chunk = vm.compileChunk(args[0].asString(), "load", &parseError);
         if (!chunk) return Variable::makeMulti(std::vector<Variable>{Variable(), Variable(std::string(parseError.what()))});
         return chunkFunction(chunk, "load");
+    });
+    lib.global("loadFile", [this](const Args& args) {
+        requireUnsandboxed("loadFile");
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("loadFile(path) requires a script path string");
+        const std::string& path = args[0].asString();
+        std::string resolved = owner.resolvePath(path);
+        std::string source;
+        if (!readScriptFile(resolved, source)) throw ScriptError("Failed to open script file: " + path);
+        ScriptError parseError("");
+        std::shared_ptr<Chunk> chunk = compileChunk(source, path, &parseError);
+        if (!chunk) {
+            // Like load: nothing and the message, here with the file's name and line.
+            std::string message = path + ":" + std::to_string(parseError.line()) + ": " + parseError.what();
+            return Variable::makeMulti(std::vector<Variable>{Variable(), Variable(std::move(message))});
+        }
+        chunk->directory = directoryOfPath(resolved);
+        return chunkFunction(chunk, path);
+    });
+    lib.global("runFile", [this](const Args& args) {
+        requireUnsandboxed("runFile");
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("runFile(path) requires a script path string");
+        const std::string& path = args[0].asString();
+        std::string resolved = owner.resolvePath(path);
+        std::string source;
+        if (!readScriptFile(resolved, source)) throw ScriptError("Failed to load script file");
+        ScriptError parseError("");
+        std::shared_ptr<Chunk> chunk = compileChunk(source, path, &parseError);
+        if (!chunk) throw parseError;  // already located in the file: its report names the file and line
+        chunk->directory = directoryOfPath(resolved);
+        ScriptDirectoryScope directory(*this, chunk->directory);
+        return runChunk(chunk);
     });
     lib.builtin(BuiltinId::Pairs, "pairs", [](Interpreter&, Arguments args) {
         if (args.size() != 1) throw ScriptError("pairs(container) requires exactly 1 argument");
