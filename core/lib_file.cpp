@@ -157,7 +157,7 @@ Variable readNumber(FileStream& stream) {
     std::string text;
     auto takeIf = [&](const char* accepted) {
         int c = stream.peek();
-        if (c == EOF || !std::strchr(accepted, c) || text.size() > 200) return false;
+        if (c == EOF || c == '\0' || !std::strchr(accepted, c) || text.size() > 200) return false;
         text += static_cast<char>(stream.get());
         return true;
     };
@@ -269,7 +269,7 @@ Variable makeHandle(Interpreter& vm, const std::shared_ptr<FileStream>& stream) 
 
 // "r", "w", "a", each optionally with "+", then any number of "b".
 bool validFileMode(std::string_view mode) {
-    if (mode.empty() || !std::strchr("rwa", mode[0])) return false;
+    if (mode.empty() || mode[0] == '\0' || !std::strchr("rwa", mode[0])) return false;
     std::size_t i = 1;
     if (i < mode.size() && mode[i] == '+') ++i;
     while (i < mode.size() && mode[i] == 'b') ++i;
