@@ -13,6 +13,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -497,6 +498,43 @@ TEST_F(ScriptFiles, MissingFilesFailWithTheirMessages) {
     EXPECT_EQ(runMissing.result.errorMessage, "Failed to load script file");
     EXPECT_EQ(run("loadFile(1)").result.errorMessage, "loadFile(path) requires a script path string");
     EXPECT_EQ(run("runFile()").result.errorMessage, "runFile(path) requires a script path string");
+}
+
+// --- handles left open ---------------------------------------------------------------------
+
+std::string fileText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+TEST_F(ScriptFiles, DroppedHandlesAreClosed) {
+    // Buffered text reaches the file only when the stream is closed; a pipe's command is
+    // waited for. Neither handle is closed by the script.
+    std::string dropped = (m_directory / "dropped.txt").string();
+    std::string piped = (m_directory / "piped.txt").string();
+    KorvelScript script;
+    // The pipe opens first: starting a command flushes every open stream.
+    RunResult result = script.runScript("p = io.popen(\"cat > '" + piped + "'\", \"w\")\np.write(p, \"through\")\n"
+                                        "f = io.open(\"" + dropped + "\", \"w\")\nf.write(f, \"kept\")\n");
+    ASSERT_TRUE(result.ok) << result.errorReport;
+    EXPECT_EQ(fileText(dropped), "");
+    result = script.runScript("f = false\np = false\n");
+    ASSERT_TRUE(result.ok) << result.errorReport;
+    EXPECT_EQ(fileText(dropped), "kept");
+    EXPECT_EQ(fileText(piped), "through");
+}
+
+TEST_F(ScriptFiles, HandlesStillOpenAtShutdownAreClosed) {
+    std::string path = (m_directory / "shutdown.txt").string();
+    {
+        KorvelScript script;
+        // Kept alive by a cycle, so only the collector or the interpreter's end frees it.
+        RunResult result = script.runScript("t = {}\nt.self = t\nt.file = io.open(\"" + path +
+                                            "\", \"w\")\nt.file.write(t.file, \"last words\")\nt = false\n");
+        ASSERT_TRUE(result.ok) << result.errorReport;
+        EXPECT_EQ(fileText(path), "");
+    }
+    EXPECT_EQ(fileText(path), "last words");
 }
 
 // --- the sandbox ----------------------------------------------------------------------------
