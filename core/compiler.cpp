@@ -243,6 +243,7 @@ public:
                 FastExpression* n = node(Op::Call, static_cast<std::int32_t>(pos));
                 ++pos;
                 n->left = value;
+                n->builtin = builtinIdFromName(calleeName(value));
                 if (!atEnd() && peek() == ")") {
                     ++pos;
                 } else {
@@ -267,6 +268,14 @@ public:
             if (++suffixes > kMaxExpressionDepth) fail("Expression nested too deeply");
         }
         return value;
+    }
+
+    // "len" for a global callee, "string.find" for a member of a global group, else "".
+    static std::string calleeName(const FastExpression* callee) {
+        if (callee->op == Op::Global) return callee->name->name;
+        if (callee->op == Op::IndexKey && callee->left->op == Op::Global)
+            return callee->left->name->name + "." + callee->constant.asString();
+        return {};
     }
 
     FastExpression* constant(Variable value, std::int32_t token) {

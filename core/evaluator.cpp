@@ -63,7 +63,84 @@ struct SlotReservation {
     }
 };
 
+// Runs a native function: gives it a native scope of its own (for names written with "#0")
+// and turns foreign exceptions into script errors.
+template <typename Body>
+Variable runNative(Interpreter& vm, Body&& body) {
+    struct NativeScope {
+        Interpreter& vm;
+        explicit NativeScope(Interpreter& interpreter) : vm(interpreter) {
+            ++vm.nativeDepth;
+            if (vm.nativeScopes.size() <= vm.nativeDepth) vm.nativeScopes.resize(vm.nativeDepth + 1);
+        }
+        ~NativeScope() {
+            vm.nativeScopes[vm.nativeDepth].clear();
+            --vm.nativeDepth;
+        }
+    } scope(vm);
+    try {
+        return body();
+    } catch (const ScriptError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw ScriptError("Out of memory");
+    } catch (const std::exception& error) {
+        throw ScriptError(error.what());
+    }
+}
+
+struct BuiltinName {
+    std::string_view name;
+    BuiltinId id;
+};
+
+// The names by which scripts reach the fast built-ins: the group forms and the plain globals
+// the library publishes for them.
+constexpr BuiltinName kBuiltinNames[] = {
+    {"len", BuiltinId::Len}, {"load", BuiltinId::Load}, {"next", BuiltinId::Next}, {"error", BuiltinId::Error},
+    {"pcall", BuiltinId::Pcall}, {"assert", BuiltinId::Assert}, {"pairs", BuiltinId::Pairs},
+    {"ipairs", BuiltinId::IPairs}, {"select", BuiltinId::Select}, {"toString", BuiltinId::ToString},
+    {"toNumber", BuiltinId::ToNumber}, {"math.abs", BuiltinId::MathAbs}, {"math.min", BuiltinId::MathMin},
+    {"math.max", BuiltinId::MathMax}, {"math.sin", BuiltinId::MathSin}, {"math.cos", BuiltinId::MathCos},
+    {"math.rad", BuiltinId::MathRad}, {"math.log", BuiltinId::MathLog}, {"getTimeMs", BuiltinId::GetTimeMs},
+    {"math.ceil", BuiltinId::MathCeil}, {"ceil", BuiltinId::MathCeil}, {"math.sqrt", BuiltinId::MathSqrt},
+    {"sqrt", BuiltinId::MathSqrt}, {"string.len", BuiltinId::StringLen}, {"string.sub", BuiltinId::StringSub},
+    {"table.sort", BuiltinId::TableSort}, {"sort", BuiltinId::TableSort}, {"math.floor", BuiltinId::MathFloor},
+    {"floor", BuiltinId::MathFloor}, {"string.find", BuiltinId::StringFind}, {"find", BuiltinId::StringFind},
+    {"string.byte", BuiltinId::StringByte}, {"byte", BuiltinId::StringByte}, {"string.gsub", BuiltinId::StringGsub},
+    {"gsub", BuiltinId::StringGsub}, {"string.upper", BuiltinId::StringUpper}, {"upper", BuiltinId::StringUpper},
+    {"string.match", BuiltinId::StringMatch}, {"match", BuiltinId::StringMatch},
+    {"table.insert", BuiltinId::TableInsert}, {"insert", BuiltinId::TableInsert},
+    {"table.remove", BuiltinId::TableRemove}, {"remove", BuiltinId::TableRemove},
+    {"table.concat", BuiltinId::TableConcat}, {"concat", BuiltinId::TableConcat},
+    {"string.gmatch", BuiltinId::StringGmatch}, {"gmatch", BuiltinId::StringGmatch},
+    {"string.format", BuiltinId::StringFormat}, {"format", BuiltinId::StringFormat},
+    {"collectGarbage", BuiltinId::CollectGarbage}, {"utf8.len", BuiltinId::Utf8Len},
+};
+
 }  // namespace
+
+BuiltinId builtinIdFromName(std::string_view name) {
+    for (const BuiltinName& entry : kBuiltinNames)
+        if (entry.name == name) return entry.id;
+    return BuiltinId::None;
+}
+
+Variable Interpreter::dispatchBuiltinFast(BuiltinId id, const FastExpression* n) {
+    BuiltinFunction function = builtins[static_cast<std::size_t>(id)].function;
+    constexpr std::size_t kInlineArguments = 6;
+    std::size_t count = n->items.size();
+    if (count > kInlineArguments) {
+        ArgumentScope scope(*this);
+        for (const FastExpression* argument : n->items) scope.arguments.push_back(eval(argument));
+        errorToken = n->token;
+        return runNative(*this, [&] { return function(*this, scope.arguments); });
+    }
+    Variable arguments[kInlineArguments];
+    for (std::size_t i = 0; i < count; ++i) arguments[i] = eval(n->items[i]);
+    errorToken = n->token;
+    return runNative(*this, [&] { return function(*this, Arguments(arguments, count)); });
+}
 
 // Binds left and right to the operands of a binary node. Leaves are read in place; when the
 // right operand can run code, the left one is copied first so that code cannot change it.
@@ -402,6 +479,10 @@ Variable Interpreter::invokeCallableFast(const FastExpression* n) {
     ScriptCallable& callable = callee.callable();
     switch (callable.kind) {
     case ScriptCallable::Kind::Native: {
+        // Only while the name still holds the built-in: a script may rebind `len` to its own.
+        if (n->builtin != BuiltinId::None &&
+            builtins[static_cast<std::size_t>(n->builtin)].callable.identity() == &callable)
+            return dispatchBuiltinFast(n->builtin, n);
         ArgumentScope scope(*this);
         for (const FastExpression* argument : n->items) scope.arguments.push_back(eval(argument));
         errorToken = n->token;
@@ -433,6 +514,7 @@ Variable Interpreter::invokeCallableFast(const FastExpression* n) {
         if (!n->items.empty()) throw ScriptError("Loaded script chunks do not accept call arguments");
         if (!callable.proto) throw ScriptError("Attempted to call an invalid function value");
         FunctionProto& proto = *callable.proto;
+        ScriptDirectoryScope directory(*this, proto.chunk->directory);
         SlotReservation reservation(*this, proto);
         reservation.handedOver = true;
         return callScript(proto, reservation.slots, reservation.mark);
@@ -450,6 +532,8 @@ Variable Interpreter::call(const Variable& callee, const std::vector<Variable>& 
         throw ScriptError("Loaded script chunks do not accept call arguments");
     FunctionProto& proto = *callable.proto;
     Variable keepAlive = callee;
+    std::optional<ScriptDirectoryScope> directory;
+    if (callable.kind == ScriptCallable::Kind::Chunk) directory.emplace(*this, proto.chunk->directory);
     SlotReservation reservation(*this, proto);
     auto params = static_cast<std::size_t>(proto.paramCount);
     for (std::size_t i = 0; i < params; ++i)
@@ -459,26 +543,7 @@ Variable Interpreter::call(const Variable& callee, const std::vector<Variable>& 
 }
 
 Variable Interpreter::callNative(ScriptCallable& callable, const std::vector<Variable>& arguments) {
-    struct NativeScope {
-        Interpreter& vm;
-        explicit NativeScope(Interpreter& interpreter) : vm(interpreter) {
-            ++vm.nativeDepth;
-            if (vm.nativeScopes.size() <= vm.nativeDepth) vm.nativeScopes.resize(vm.nativeDepth + 1);
-        }
-        ~NativeScope() {
-            vm.nativeScopes[vm.nativeDepth].clear();
-            --vm.nativeDepth;
-        }
-    } scope(*this);
-    try {
-        return callable.native(arguments);
-    } catch (const ScriptError&) {
-        throw;
-    } catch (const std::bad_alloc&) {
-        throw ScriptError("Out of memory");
-    } catch (const std::exception& error) {
-        throw ScriptError(error.what());
-    }
+    return runNative(*this, [&] { return callable.native(arguments); });
 }
 
 Variable Interpreter::callScript(FunctionProto& proto, Variable* slots, std::size_t mark) {

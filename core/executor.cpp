@@ -226,7 +226,10 @@ bool Interpreter::startForIn(const CompiledLine& line, ForState& state) {
         if (!isContainer) fail("ipairs(container) expects an array or table");
         break;
     case IterKind::Array:
-        if (container.type() != VarType::Array) fail("generic for loops expect an array iterator");
+        // An array is walked in order; a function (such as gmatch's iterator) is called once per
+        // pass until it returns nothing.
+        if (container.type() != VarType::Array && container.type() != VarType::Function)
+            fail("generic for loops expect an array iterator");
         break;
     }
     state.keys.clear();
@@ -247,6 +250,7 @@ bool Interpreter::advanceForIn(const CompiledLine& line, ForState& state) {
     Variable key, value;
     const Variable& container = state.container;
     bool found = false;
+    if (container.type() == VarType::Function) return advanceFunctionIterator(line, state);
     if (container.type() == VarType::Array) {
         const auto& items = container.arrayItems();
         std::size_t index = ++state.position;
@@ -287,6 +291,26 @@ bool Interpreter::advanceForIn(const CompiledLine& line, ForState& state) {
     assignLoopVariable(targets[0], std::move(key));
     if (targets.size() > 1) assignLoopVariable(targets[1], std::move(value));
     for (std::size_t i = 2; i < targets.size(); ++i) assignLoopVariable(targets[i], Variable());
+    return true;
+}
+
+bool Interpreter::advanceFunctionIterator(const CompiledLine& line, ForState& state) {
+    static const std::vector<Variable> noArguments;
+    Variable iterator = state.container;  // the call may end the loop's hold on it
+    Variable result = call(iterator, noArguments);
+    const Variable* values = &result;
+    std::size_t count = 1;
+    if (result.type() == VarType::MultiValue) {
+        values = result.multiValues().data();
+        count = result.multiValues().size();
+    }
+    if (count == 0 || values[0].isNil()) {
+        state.active = false;
+        state.container = Variable();
+        return false;
+    }
+    const auto& targets = line.targets;
+    for (std::size_t i = 0; i < targets.size(); ++i) assignLoopVariable(targets[i], i < count ? values[i] : Variable());
     return true;
 }
 

@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <random>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -44,6 +46,33 @@ enum class Op : std::uint8_t {
 
 class Interpreter;
 struct FastExpression;
+struct GsubPattern;
+
+// Built-ins that compiled calls dispatch to directly, without an argument vector, while their
+// name still refers to them (see Interpreter::dispatchBuiltinFast).
+enum class BuiltinId : std::uint8_t {
+    None,
+    Len, Load, Next, Error, Pcall, Assert, Pairs, IPairs, Select, ToString, ToNumber,
+    MathAbs, MathMin, MathMax, MathSin, MathCos, MathRad, MathLog, GetTimeMs, MathCeil, MathSqrt,
+    StringLen, StringSub, TableSort, MathFloor, StringFind, StringByte, StringGsub, StringUpper,
+    StringMatch, TableInsert, TableRemove, TableConcat, StringGmatch, StringFormat, CollectGarbage,
+    Utf8Len,
+    Count
+};
+
+// The built-in a callee name denotes at compile time: "len", "string.find", or the plain
+// global name of a group function ("find", "sort"); None for any other name.
+BuiltinId builtinIdFromName(std::string_view name);
+
+// A built-in's implementation: the arguments as a read-only span, one result. The native
+// callable registered for it wraps the same function, so both call paths agree.
+using Arguments = std::span<const Variable>;
+using BuiltinFunction = Variable (*)(Interpreter&, Arguments);
+
+struct BuiltinEntry {
+    Variable callable;  // the function value the name was bound to (kept alive for the identity check)
+    BuiltinFunction function = nullptr;
+};
 
 // Evaluates a node whose whole subtree can work on scalars (ints, floats, bools, nothing),
 // packed as Variable::scalarBits gives them; Variable::kNotScalar hands the node back to the
@@ -52,6 +81,7 @@ using ScalarFunction = std::uint64_t (*)(Interpreter&, const FastExpression*);
 
 struct FastExpression {
     Op op = Op::Const;
+    BuiltinId builtin = BuiltinId::None;  // Call: the built-in the callee's name denotes
     mutable ScalarFunction scalar = nullptr;
     mutable std::uint8_t scalarMisses = 0;
     std::uint64_t constantBits = Variable::kNotScalar;  // Const: the constant's scalar bits
@@ -133,6 +163,7 @@ struct Chunk : std::enable_shared_from_this<Chunk> {
     std::deque<NameRef> names;
     std::vector<std::unique_ptr<FunctionProto>> protos;  // protos[0] is the top level
     std::vector<StringObject*> ownedKeys;
+    std::optional<std::string> directory;  // a script file's directory, the base for its relative paths
     ~Chunk();
 };
 
@@ -237,11 +268,15 @@ public:
     Variable call(const Variable& callee, const std::vector<Variable>& arguments);
     Variable callNative(ScriptCallable& callable, const std::vector<Variable>& arguments);
     Variable invokeCallableFast(const FastExpression* node);
+    // A call whose callee is still the built-in its name denotes: arguments evaluated into a
+    // small array and handed straight to the implementation.
+    Variable dispatchBuiltinFast(BuiltinId id, const FastExpression* node);
     void executeAssignment(const CompiledLine& line);
     void executeCompound(const CompiledLine& line);
     void storeTarget(const LValue& target, const Variable* keys, std::size_t keyCount, Variable value);
     bool startForIn(const CompiledLine& line, ForState& state);
     bool advanceForIn(const CompiledLine& line, ForState& state);
+    bool advanceFunctionIterator(const CompiledLine& line, ForState& state);
     void assignLoopVariable(const LValue& target, Variable value);
     Variable callScript(FunctionProto& proto, Variable* slots, std::size_t mark);
 
@@ -322,6 +357,8 @@ public:
     // Checks the whole file first; throws ScriptError and leaves the globals alone if it fails.
     void importState(const std::uint8_t* data, std::size_t size, const std::string& source);
     std::vector<Variable> libraryGlobals;  // what each global slot held once the library was in
+    void registerFileLibrary();
+    BuiltinEntry builtins[static_cast<std::size_t>(BuiltinId::Count)];
     std::mt19937 random;  // random and math.random
 
     void write(std::string_view text);
@@ -372,6 +409,25 @@ public:
     std::vector<Coroutine*> coroutinesToClose;       // suspended ones nothing refers to any more
     void closeUnreferencedCoroutines();
     void shutDownCoroutines();
+
+    // Stack bytes left before the interpreter's own limit.
+    std::size_t stackRoom();
+
+    // gsub patterns, compiled once per text (bounded; cleared when full).
+    std::shared_ptr<const GsubPattern> getCachedGsubPattern(const std::string& pattern);
+    std::unordered_map<std::string, std::shared_ptr<const GsubPattern>> gsubPatterns;
+
+    // Under a step budget, pattern matching draws on an allowance of kPatternStepsPerStatement
+    // matcher steps per budgeted statement for the whole run, so that repeated costly searches
+    // cannot stretch a bounded run. The steps a search may take: `wanted`, or less.
+    static constexpr std::uint64_t kPatternStepsPerStatement = 100;
+    long patternStepLimit(long wanted) const;
+    std::uint64_t patternSteps = 0;  // spent against the allowance
+
+    // Set by KorvelScript::setSandboxed: no files, processes or script files from scripts.
+    bool sandboxed = false;
+    // Fails with "<function> is not available in a sandboxed interpreter" when sandboxed.
+    void requireUnsandboxed(const char* function) const;
 };
 
 struct KorvelScript::Impl {
@@ -382,6 +438,29 @@ struct KorvelScript::Impl {
 // For a chunk whose parsed lines are in place but whose statements come from a bytecode image:
 // makes its prototypes and links as the compiler would. Returns the prototype owning each line.
 std::vector<FunctionProto*> buildChunkStructure(Interpreter& vm, Chunk& chunk);
+
+// Keeps the directory of a script file as the base for relative paths while it runs.
+struct ScriptDirectoryScope {
+    Interpreter& vm;
+    bool pushed = false;
+    ScriptDirectoryScope(Interpreter& interpreter, const std::optional<std::string>& directory) : vm(interpreter) {
+        if (directory) {
+            vm.scriptDirectories.push_back(*directory);
+            pushed = true;
+        }
+    }
+    ~ScriptDirectoryScope() {
+        if (pushed) vm.scriptDirectories.pop_back();
+    }
+    ScriptDirectoryScope(const ScriptDirectoryScope&) = delete;
+    ScriptDirectoryScope& operator=(const ScriptDirectoryScope&) = delete;
+};
+
+// Whole files for loadFile, runFile and KorvelScript::runFile; false when the file cannot be
+// read or is larger than a script may be.
+bool readScriptFile(const std::string& path, std::string& out);
+// "dir/sub/" for "dir/sub/name.ks"; "" for a bare name.
+std::string directoryOfPath(const std::string& path);
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
 bool assignScalarFunctions(FastExpression* node);

@@ -19,6 +19,8 @@ Interpreter::~Interpreter() {
     // kept alive.
     returnValue = Variable();
     stringLibrary = Variable();
+    for (BuiltinEntry& entry : builtins) entry.callable = Variable();
+    gsubPatterns.clear();
     globals.clear();
     libraryGlobals.clear();
     // Suspended coroutines unwind their stacks while the interpreter still works.
@@ -98,25 +100,33 @@ RunResult KorvelScript::runScript(std::string_view source, std::string_view scri
 }
 
 namespace {
-bool readWholeFile(const std::string& path, std::string& out) {
+// Larger files are not scripts; the limit also keeps a device such as /dev/zero from filling memory.
+constexpr std::size_t kMaxScriptFileSize = std::size_t(64) << 20;
+}  // namespace
+
+bool readScriptFile(const std::string& path, std::string& out) {
     std::ifstream file(path, std::ios::binary);
     if (!file) return false;
-    std::ostringstream buffer;
-    buffer << file.rdbuf();
-    out = buffer.str();
+    std::string text;
+    char buffer[65536];
+    while (file.read(buffer, sizeof buffer) || file.gcount() > 0) {
+        text.append(buffer, static_cast<std::size_t>(file.gcount()));
+        if (text.size() > kMaxScriptFileSize) return false;
+    }
+    if (file.bad()) return false;
+    out = std::move(text);
     return true;
 }
 
-std::string directoryOf(const std::string& path) {
+std::string directoryOfPath(const std::string& path) {
     std::size_t slash = path.find_last_of('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
-}  // namespace
 
 RunResult KorvelScript::runFile(const std::string& path) {
     std::string normalised = normalisePath(path);
     std::string source;
-    if (!readWholeFile(normalised, source)) {
+    if (!readScriptFile(normalised, source)) {
         RunResult result;
         result.ok = false;
         result.errorMessage = "Failed to open script file: " + path;
@@ -124,7 +134,7 @@ RunResult KorvelScript::runFile(const std::string& path) {
         return result;
     }
     Interpreter& vm = m_impl->vm;
-    vm.scriptDirectories.push_back(directoryOf(normalised));
+    vm.scriptDirectories.push_back(directoryOfPath(normalised));
     RunResult result = runScript(source, path);
     vm.scriptDirectories.pop_back();
     return result;
@@ -230,9 +240,12 @@ void KorvelScript::setCallDepthLimit(int depth) {
     std::vector<Activation>().swap(vm.activations);
 }
 
+void KorvelScript::setSandboxed(bool sandboxed) { m_impl->vm.sandboxed = sandboxed; }
+
 void KorvelScript::setStepBudget(std::uint64_t steps) {
     m_impl->vm.stepBudget = steps;
     m_impl->vm.steps = 0;
+    m_impl->vm.patternSteps = 0;
 }
 
 }  // namespace korvel

@@ -74,8 +74,14 @@ public:
     // the C stack is watched as well).
     void setCallDepthLimit(int depth);
     // For fuzzing and sandboxes: a budget of executed statements after which the run fails
-    // with "Step budget exhausted". Zero means no limit.
+    // with "Step budget exhausted". Zero means no limit. Pattern matching (find, match, gmatch,
+    // gsub) then shares an allowance of 100 matcher steps per budgeted statement; past it a
+    // search fails with "pattern too complex".
     void setStepBudget(std::uint64_t steps);
+
+    // For fuzzing and untrusted scripts: io.open, io.popen, io.read, os.remove, loadFile and
+    // runFile fail with "<function> is not available in a sandboxed interpreter".
+    void setSandboxed(bool sandboxed);
 
     struct Impl;
     Impl& impl() { return *m_impl; }

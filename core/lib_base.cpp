@@ -1,5 +1,6 @@
 // The global helpers the language itself relies on: print, typeOf, len, toString, toNumber,
-// pcall, error, assert, load, pairs, ipairs, select, jumpTo, and the version constants.
+// pcall, error, assert, load, loadFile, runFile, pairs, ipairs, select, jumpTo, and the
+// version constants.
 #include "core/interpreter_internal.h"
 #include "core/library_internal.h"
 
@@ -30,6 +31,19 @@ Variable parseNumberText(std::string_view text, int base) {
     return Variable(value);
 }
 
+namespace {
+
+// A compiled chunk as a function value; it takes no arguments when called.
+Variable chunkFunction(const std::shared_ptr<Chunk>& chunk, const std::string& name) {
+    auto* callable = new ScriptCallable;
+    callable->kind = ScriptCallable::Kind::Chunk;
+    callable->name = name;
+    callable->proto = std::shared_ptr<FunctionProto>(chunk, chunk->protos.front().get());
+    return Variable::makeFunction(callable);
+}
+
+}  // namespace
+
 void Interpreter::registerBaseLibrary() {
     Library lib(*this);
     lib.global("print", [this](const Args& args) {
@@ -46,16 +60,16 @@ void Interpreter::registerBaseLibrary() {
         if (args.size() != 1) throw ScriptError("typeOf(x) requires exactly 1 argument");
         return Variable(typeName(args[0].type()));
     });
-    lib.global("len", [](const Args& args) {
+    lib.builtin(BuiltinId::Len, "len", [](Interpreter&, Arguments args) {
         if (args.size() != 1) throw ScriptError("len(x) expects an array, table, or string");
         std::int64_t length = arrayLength(args[0]);
         return Variable(static_cast<std::int32_t>(length > INT32_MAX ? INT32_MAX : length));
     });
-    lib.global("toString", [](const Args& args) {
+    lib.builtin(BuiltinId::ToString, "toString", [](Interpreter&, Arguments args) {
         if (args.size() != 1) throw ScriptError("toString function requires exactly 1 argument");
         return Variable(args[0].toString());
     });
-    lib.global("toNumber", [](const Args& args) {
+    lib.builtin(BuiltinId::ToNumber, "toNumber", [](Interpreter&, Arguments args) {
         if (args.empty() || args.size() > 2) throw ScriptError("toNumber(x[, base]) requires 1 or 2 arguments");
         int base = 10;
         if (args.size() == 2) {
@@ -69,11 +83,11 @@ void Interpreter::registerBaseLibrary() {
         if (value.type() == VarType::String) return parseNumberText(value.asString(), base);
         return Variable();
     });
-    lib.global("pcall", [this](const Args& args) {
+    lib.builtin(BuiltinId::Pcall, "pcall", [](Interpreter& vm, Arguments args) {
         if (args.empty() || args[0].type() != VarType::Function) throw ScriptError("pcall requires a callable value");
         std::vector<Variable> rest(args.begin() + 1, args.end());
         try {
-            Variable result = call(args[0], rest);
+            Variable result = vm.call(args[0], rest);
             std::vector<Variable> values{Variable(true)};
             if (result.type() == VarType::MultiValue) {
                 for (const Variable& v : result.multiValues()) values.push_back(v);
@@ -86,11 +100,11 @@ void Interpreter::registerBaseLibrary() {
             return Variable::makeMulti(std::vector<Variable>{Variable(false), std::move(message)});
         }
     });
-    lib.global("error", [](const Args& args) -> Variable {
+    lib.builtin(BuiltinId::Error, "error", [](Interpreter&, Arguments args) -> Variable {
         Variable value = args.empty() ? Variable() : args[0];
         throw ScriptError(value.toString(), value);
     });
-    lib.global("assert", [](const Args& args) {
+    lib.builtin(BuiltinId::Assert, "assert", [](Interpreter&, Arguments args) {
         if (args.empty()) throw ScriptError("assert requires at least 1 argument");
         if (!isTruthy(args[0])) {
             if (args.size() > 1) throw ScriptError(args[1].toString(), args[1]);
@@ -98,31 +112,60 @@ void Interpreter::registerBaseLibrary() {
         }
         return args[0];
     });
-    lib.global("load", [this](const Args& args) {
+    lib.builtin(BuiltinId::Load, "load", [](Interpreter& vm, Arguments args) {
         if (args.size() != 1 || args[0].type() != VarType::String)
             throw ScriptError("load(scriptText) requires a script string");
         ScriptError parseError("");
-        std::shared_ptr<Chunk> chunk = compileChunk(args[0].asString(), "load", &parseError);
+        std::shared_ptr<Chunk> chunk = vm.compileChunk(args[0].asString(), "load", &parseError);
         if (!chunk) return Variable::makeMulti(std::vector<Variable>{Variable(), Variable(std::string(parseError.what()))});
-        auto* callable = new ScriptCallable;
-        callable->kind = ScriptCallable::Kind::Chunk;
-        callable->name = "load";
-        callable->proto = std::shared_ptr<FunctionProto>(chunk, chunk->protos.front().get());
-        return Variable::makeFunction(callable);
+        return chunkFunction(chunk, "load");
     });
-    lib.global("pairs", [](const Args& args) {
+    lib.global("loadFile", [this](const Args& args) {
+        requireUnsandboxed("loadFile");
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("loadFile(path) requires a script path string");
+        const std::string& path = args[0].asString();
+        std::string resolved = owner.resolvePath(path);
+        std::string source;
+        if (!readScriptFile(resolved, source)) throw ScriptError("Failed to open script file: " + path);
+        ScriptError parseError("");
+        std::shared_ptr<Chunk> chunk = compileChunk(source, path, &parseError);
+        if (!chunk) {
+            // Like load: nothing and the message, here with the file's name and line.
+            std::string message = path + ":" + std::to_string(parseError.line()) + ": " + parseError.what();
+            return Variable::makeMulti(std::vector<Variable>{Variable(), Variable(std::move(message))});
+        }
+        chunk->directory = directoryOfPath(resolved);
+        return chunkFunction(chunk, path);
+    });
+    lib.global("runFile", [this](const Args& args) {
+        requireUnsandboxed("runFile");
+        if (args.size() != 1 || args[0].type() != VarType::String)
+            throw ScriptError("runFile(path) requires a script path string");
+        const std::string& path = args[0].asString();
+        std::string resolved = owner.resolvePath(path);
+        std::string source;
+        if (!readScriptFile(resolved, source)) throw ScriptError("Failed to load script file");
+        ScriptError parseError("");
+        std::shared_ptr<Chunk> chunk = compileChunk(source, path, &parseError);
+        if (!chunk) throw parseError;  // already located in the file: its report names the file and line
+        chunk->directory = directoryOfPath(resolved);
+        ScriptDirectoryScope directory(*this, chunk->directory);
+        return runChunk(chunk);
+    });
+    lib.builtin(BuiltinId::Pairs, "pairs", [](Interpreter&, Arguments args) {
         if (args.size() != 1) throw ScriptError("pairs(container) requires exactly 1 argument");
         if (args[0].type() != VarType::Array && args[0].type() != VarType::Table)
             throw ScriptError("pairs(container) expects an array or table");
         return args[0];
     });
-    lib.global("ipairs", [](const Args& args) {
+    lib.builtin(BuiltinId::IPairs, "ipairs", [](Interpreter&, Arguments args) {
         if (args.size() != 1) throw ScriptError("ipairs(container) requires exactly 1 argument");
         if (args[0].type() != VarType::Array && args[0].type() != VarType::Table)
             throw ScriptError("ipairs(container) expects an array or table");
         return args[0];
     });
-    lib.global("select", [](const Args& args) {
+    lib.builtin(BuiltinId::Select, "select", [](Interpreter&, Arguments args) {
         if (args.size() < 2) throw ScriptError("select(index, values...) requires at least 2 arguments");
         if (args[0].type() != VarType::Int) throw ScriptError("select(index, values...) requires an integer index");
         std::int32_t index = args[0].asInt();
@@ -139,14 +182,14 @@ void Interpreter::registerBaseLibrary() {
         if (args[0].asString().empty()) throw ScriptError("jumpTo(label) expects a non-empty label");
         throw JumpRequest{args[0].asString()};
     });
-    lib.global("getTimeMs", [](const Args& args) {
+    lib.builtin(BuiltinId::GetTimeMs, "getTimeMs", [](Interpreter&, Arguments args) {
         if (!args.empty()) throw ScriptError("getTimeMs function takes no arguments");
         static const auto start = std::chrono::steady_clock::now();
         auto elapsed = std::chrono::steady_clock::now() - start;
         auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
         return Variable(static_cast<std::int32_t>(ms & 0x7fffffff));
     });
-    lib.global("collectGarbage", [](const Args&) {
+    lib.builtin(BuiltinId::CollectGarbage, "collectGarbage", [](Interpreter&, Arguments) {
         // Frees containers that only keep each other alive; returns how many went.
         return Variable(static_cast<std::int32_t>(collectCycles()));
     });
@@ -166,6 +209,7 @@ void Interpreter::registerLibrary() {
     registerSystemLibrary();
     registerCoroutineLibrary();
     registerStateLibrary();
+    registerFileLibrary();
     libraryGlobals = globals;
 }
 

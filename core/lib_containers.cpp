@@ -108,7 +108,7 @@ void Interpreter::registerContainerLibrary() {
         args[0].arrayItems().reserve(static_cast<std::size_t>(count));
         return Variable();
     });
-    lib.global("next", [](const Args& args) {
+    lib.builtin(BuiltinId::Next, "next", [](Interpreter&, Arguments args) {
         if (args.empty() || args.size() > 2) throw ScriptError("next(container[, key]) requires 1 or 2 arguments");
         if (!isContainer(args[0])) throw ScriptError("next(container[, key]) expects an array or table");
         bool fromStart = args.size() == 1 || args[1].isNil();

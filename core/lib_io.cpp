@@ -1,4 +1,5 @@
-// Console reading and writing for the io group: io.write and io.read.
+// Console reading and writing for the io group: io.write and io.read (files and pipes are in
+// lib_file.cpp).
 #include "core/library_internal.h"
 
 #include <cstdio>
@@ -14,8 +15,9 @@ void Interpreter::registerIoLibrary() {
         write(text);
         return Variable();
     });
-    lib.member(io, "io", "read", [](const Args&) {
+    lib.member(io, "io", "read", [this](const Args&) {
         // One line from standard input without its line feed; nil at the end of input.
+        requireUnsandboxed("io['read']");
         std::fflush(stdout);
         std::string line;
         int c;

@@ -1,4 +1,5 @@
-// The string group: format, find, sub, upper, lower, len, rep, byte, char.
+// The string group: format, find, match, gmatch, sub, upper, lower, len, rep, byte, char (gsub
+// lives in lib_gsub.cpp).
 #include "core/library_internal.h"
 
 #include <cmath>
@@ -8,7 +9,6 @@ namespace korvel {
 
 namespace {
 
-constexpr std::size_t kMaxStringResult = std::size_t(1) << 28;  // 256 MiB
 constexpr int kMaxFormatWidth = 4096;
 
 // Lua-style 1-based positions: negative counts from the end; the result is clamped to [1, len+1].
@@ -35,7 +35,7 @@ bool hasPatternSpecials(const std::string& pattern) {
     return pattern.find_first_of("^$*+?.([%-") != std::string::npos;
 }
 
-Variable formatString(const Args& args) {
+Variable formatString(Interpreter&, Arguments args) {
     if (args.empty() || args[0].type() != VarType::String)
         throw ScriptError("string['format'](format, ...) requires a format string");
     const std::string& format = args[0].asString();
@@ -150,7 +150,14 @@ Variable formatString(const Args& args) {
     return Variable(std::move(out));
 }
 
-Variable findString(const Args& args) {
+Variable searchPattern(Interpreter& vm, const std::string& text, const std::string& pattern, std::size_t init,
+                       bool positions) {
+    PatternMatcher matcher(text, pattern, budgetedPatternOptions(vm));
+    PatternStepCharge charge{vm, matcher};
+    return findPattern(matcher, init, positions);
+}
+
+Variable findString(Interpreter& vm, Arguments args) {
     if (args.size() < 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
         throw ScriptError("string['find'](s, pattern[, init[, plain]]) requires a string and a pattern");
     const std::string& text = args[0].asString();
@@ -158,11 +165,106 @@ Variable findString(const Args& args) {
     std::int64_t init = args.size() > 2 && !args[2].isNil() ? startPosition(integerArgument(args[2]), text.size()) : 1;
     bool plain = args.size() > 3 && isTruthy(args[3]);
     if (init > static_cast<std::int64_t>(text.size()) + 1) return Variable();
-    if (!plain && hasPatternSpecials(pattern)) return findPattern(text, pattern, static_cast<std::size_t>(init - 1), true);
+    if (!plain && hasPatternSpecials(pattern)) return searchPattern(vm, text, pattern, static_cast<std::size_t>(init - 1), true);
     std::size_t at = text.find(pattern, static_cast<std::size_t>(init - 1));
     if (at == std::string::npos) return Variable();
     return Variable::makeMulti(std::vector<Variable>{Variable(static_cast<std::int32_t>(at + 1)),
                                                      Variable(static_cast<std::int32_t>(at + pattern.size()))});
+}
+
+// gmatch's iterator: each call gives the next match's captures (or the whole match), then
+// nothing. An empty match right where the previous one ended is skipped, as in gsub.
+struct GmatchState {
+    Interpreter* vm = nullptr;
+    Variable text;
+    Variable pattern;
+    std::size_t position = 0;
+    std::size_t lastMatch = std::string::npos;
+    bool finished = false;
+
+    Variable next() {
+        const std::string& subject = text.asString();
+        PatternMatcher matcher(subject, pattern.asString(), budgetedPatternOptions(*vm));
+        PatternStepCharge charge{*vm, matcher};
+        PatternMatch match;
+        while (!finished) {
+            bool found = position <= subject.size() && !(matcher.anchored() && position > 0) &&
+                         matcher.find(position, match);
+            if (!found) break;
+            if (match.start == match.end && match.start == lastMatch) {
+                position = match.start + 1;
+                continue;
+            }
+            position = lastMatch = match.end;
+            int count = PatternMatcher::valueCount(match);
+            if (count == 1) return matcher.captureValue(match, 0);
+            std::vector<Variable> values;
+            for (int i = 0; i < count; ++i) values.push_back(matcher.captureValue(match, i));
+            return Variable::makeMulti(std::move(values));
+        }
+        finished = true;
+        return Variable();
+    }
+};
+
+Variable gmatchString(Interpreter& vm, Arguments args) {
+    if (args.size() != 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
+        throw ScriptError("string['gmatch'](s, pattern) requires a string and a pattern");
+    auto state = std::make_shared<GmatchState>();
+    state->vm = &vm;
+    state->text = args[0];
+    state->pattern = args[1];
+    return vm.owner.createNativeCallable([state](const Args&) { return state->next(); }, "gmatch iterator");
+}
+
+Variable matchString(Interpreter& vm, Arguments args) {
+    if (args.size() < 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
+        throw ScriptError("string['match'](s, pattern[, init]) requires a string and a pattern");
+    const std::string& text = args[0].asString();
+    std::int64_t init = args.size() > 2 && !args[2].isNil() ? startPosition(integerArgument(args[2]), text.size()) : 1;
+    if (init > static_cast<std::int64_t>(text.size()) + 1) return Variable();
+    return searchPattern(vm, text, args[1].asString(), static_cast<std::size_t>(init - 1), false);
+}
+
+Variable subString(Interpreter&, Arguments args) {
+    if (args.size() < 2 || args.size() > 3 || args[0].type() != VarType::String || !args[1].isNumericLike() ||
+        (args.size() == 3 && !args[2].isNumericLike()))
+        throw ScriptError("string['sub'](s, i[, j]) requires a string and 1-2 numeric indices");
+    const std::string& text = args[0].asString();
+    std::int64_t i = startPosition(integerArgument(args[1]), text.size());
+    std::int64_t j = endPosition(args.size() == 3 ? integerArgument(args[2]) : -1, text.size());
+    if (i > j) return Variable("");
+    return Variable(std::string_view(text).substr(static_cast<std::size_t>(i - 1), static_cast<std::size_t>(j - i + 1)));
+}
+
+Variable upperString(Interpreter&, Arguments args) {
+    if (args.size() != 1 || args[0].type() != VarType::String)
+        throw ScriptError("string['upper'](s) requires exactly 1 string argument");
+    std::string text = args[0].asString();
+    for (char& c : text)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+    return Variable(std::move(text));
+}
+
+Variable lengthOfString(Interpreter&, Arguments args) {
+    if (args.size() != 1 || args[0].type() != VarType::String)
+        throw ScriptError("string['len'](s) requires exactly 1 string argument");
+    return Variable(static_cast<std::int32_t>(args[0].asString().size()));
+}
+
+Variable byteString(Interpreter&, Arguments args) {
+    if (args.empty() || args[0].type() != VarType::String || (args.size() > 1 && !args[1].isNumericLike()) ||
+        (args.size() > 2 && !args[2].isNumericLike()))
+        throw ScriptError("string['byte'](s[, i[, j]]) requires a string");
+    const std::string& text = args[0].asString();
+    std::int64_t i = startPosition(args.size() > 1 ? integerArgument(args[1]) : 1, text.size());
+    std::int64_t j = endPosition(args.size() > 2 ? integerArgument(args[2]) : i, text.size());
+    std::vector<Variable> bytes;
+    for (std::int64_t k = i; k <= j; ++k)
+        bytes.push_back(Variable(static_cast<std::int32_t>(static_cast<unsigned char>(text[static_cast<std::size_t>(k - 1)]))));
+    if (bytes.empty()) return Variable();
+    if (bytes.size() == 1) return bytes[0];
+    return Variable::makeMulti(std::move(bytes));
 }
 
 }  // namespace
@@ -171,34 +273,15 @@ void Interpreter::registerStringLibrary() {
     Library lib(*this);
     Variable string = lib.group("string");
     stringLibrary = string;
-    lib.member(string, "string", "format", formatString, true);
-    lib.member(string, "string", "find", findString, true);
-    lib.member(string, "string", "match", [](const Args& args) {
-        if (args.size() < 2 || args[0].type() != VarType::String || args[1].type() != VarType::String)
-            throw ScriptError("string['match'](s, pattern[, init]) requires a string and a pattern");
-        const std::string& text = args[0].asString();
-        std::int64_t init = args.size() > 2 && !args[2].isNil() ? startPosition(integerArgument(args[2]), text.size()) : 1;
-        if (init > static_cast<std::int64_t>(text.size()) + 1) return Variable();
-        return findPattern(text, args[1].asString(), static_cast<std::size_t>(init - 1), false);
-    }, true);
-    lib.member(string, "string", "sub", [](const Args& args) {
-        if (args.size() < 2 || args.size() > 3 || args[0].type() != VarType::String || !args[1].isNumericLike() ||
-            (args.size() == 3 && !args[2].isNumericLike()))
-            throw ScriptError("string['sub'](s, i[, j]) requires a string and 1-2 numeric indices");
-        const std::string& text = args[0].asString();
-        std::int64_t i = startPosition(integerArgument(args[1]), text.size());
-        std::int64_t j = endPosition(args.size() == 3 ? integerArgument(args[2]) : -1, text.size());
-        if (i > j) return Variable("");
-        return Variable(std::string_view(text).substr(static_cast<std::size_t>(i - 1), static_cast<std::size_t>(j - i + 1)));
-    });
-    lib.member(string, "string", "upper", [](const Args& args) {
-        if (args.size() != 1 || args[0].type() != VarType::String)
-            throw ScriptError("string['upper'](s) requires exactly 1 string argument");
-        std::string text = args[0].asString();
-        for (char& c : text)
-            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
-        return Variable(std::move(text));
-    }, true);
+    lib.builtin(BuiltinId::StringFormat, string, "string", "format", formatString, true);
+    lib.builtin(BuiltinId::StringFind, string, "string", "find", findString, true);
+    lib.builtin(BuiltinId::StringMatch, string, "string", "match", matchString, true);
+    lib.builtin(BuiltinId::StringGmatch, string, "string", "gmatch", gmatchString, true);
+    lib.builtin(BuiltinId::StringGsub, string, "string", "gsub", gsubBuiltin, true);
+    lib.builtin(BuiltinId::StringSub, string, "string", "sub", subString);
+    lib.builtin(BuiltinId::StringUpper, string, "string", "upper", upperString, true);
+    lib.builtin(BuiltinId::StringLen, string, "string", "len", lengthOfString);
+    lib.builtin(BuiltinId::StringByte, string, "string", "byte", byteString, true);
     lib.member(string, "string", "lower", [](const Args& args) {
         if (args.size() != 1 || args[0].type() != VarType::String)
             throw ScriptError("string['lower'](s) requires exactly 1 string argument");
@@ -207,11 +290,6 @@ void Interpreter::registerStringLibrary() {
             if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
         return Variable(std::move(text));
     }, true);
-    lib.member(string, "string", "len", [](const Args& args) {
-        if (args.size() != 1 || args[0].type() != VarType::String)
-            throw ScriptError("string['len'](s) requires exactly 1 string argument");
-        return Variable(static_cast<std::int32_t>(args[0].asString().size()));
-    });
     lib.member(string, "string", "rep", [](const Args& args) {
         if (args.size() < 2 || args.size() > 3 || args[0].type() != VarType::String || !args[1].isNumericLike() ||
             (args.size() == 3 && args[2].type() != VarType::String))
@@ -230,20 +308,6 @@ void Interpreter::registerStringLibrary() {
         }
         return Variable(std::move(out));
     });
-    lib.member(string, "string", "byte", [](const Args& args) {
-        if (args.empty() || args[0].type() != VarType::String ||
-            (args.size() > 1 && !args[1].isNumericLike()) || (args.size() > 2 && !args[2].isNumericLike()))
-            throw ScriptError("string['byte'](s[, i[, j]]) requires a string");
-        const std::string& text = args[0].asString();
-        std::int64_t i = startPosition(args.size() > 1 ? integerArgument(args[1]) : 1, text.size());
-        std::int64_t j = endPosition(args.size() > 2 ? integerArgument(args[2]) : i, text.size());
-        std::vector<Variable> bytes;
-        for (std::int64_t k = i; k <= j; ++k)
-            bytes.push_back(Variable(static_cast<std::int32_t>(static_cast<unsigned char>(text[static_cast<std::size_t>(k - 1)]))));
-        if (bytes.empty()) return Variable();
-        if (bytes.size() == 1) return bytes[0];
-        return Variable::makeMulti(std::move(bytes));
-    }, true);
     lib.member(string, "string", "char", [](const Args& args) {
         std::string out;
         for (const Variable& value : args) {

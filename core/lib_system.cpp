@@ -56,7 +56,7 @@ void Interpreter::registerSystemLibrary() {
     });
 
     Variable utf8 = lib.group("utf8");
-    lib.member(utf8, "utf8", "len", [](const Args& args) {
+    lib.builtin(BuiltinId::Utf8Len, utf8, "utf8", "len", [](Interpreter&, Arguments args) {
         if (args.size() != 1 || args[0].type() != VarType::String)
             throw ScriptError("utf8['len'](s) requires exactly 1 string argument");
         std::int32_t count = 0;
@@ -108,6 +108,7 @@ void Interpreter::registerSystemLibrary() {
         return Variable(static_cast<std::int32_t>(std::time(nullptr)));
     });
     lib.member(os, "os", "remove", [this](const Args& args) {
+        requireUnsandboxed("os['remove']");
         if (args.size() != 1 || args[0].type() != VarType::String)
             throw ScriptError("os['remove'](path) requires exactly one path string");
         std::string path = KorvelScript::normalisePath(args[0].asString());

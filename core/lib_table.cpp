@@ -37,7 +37,7 @@ std::int64_t positionArgument(const Variable& v, const char* message) {
 void Interpreter::registerTableLibrary() {
     Library lib(*this);
     Variable table = lib.group("table");
-    lib.member(table, "table", "insert", [](const Args& args) {
+    lib.builtin(BuiltinId::TableInsert, table, "table", "insert", [](Interpreter&, Arguments args) {
         static const char* message = "table['insert'](table[, pos], value) requires an array or table";
         if (args.size() < 2 || args.size() > 3 || !isContainer(args[0])) throw ScriptError(message);
         const Variable& container = args[0];
@@ -56,7 +56,7 @@ void Interpreter::registerTableLibrary() {
         if (!array) storeSequence(container.table(), sequence, oldLength);
         return Variable();
     }, true);
-    lib.member(table, "table", "remove", [](const Args& args) {
+    lib.builtin(BuiltinId::TableRemove, table, "table", "remove", [](Interpreter&, Arguments args) {
         static const char* message = "table['remove'](table[, pos]) requires an array or table";
         if (args.empty() || args.size() > 2 || !isContainer(args[0])) throw ScriptError(message);
         const Variable& container = args[0];
@@ -72,7 +72,7 @@ void Interpreter::registerTableLibrary() {
         if (!array) storeSequence(container.table(), sequence, oldLength);
         return removed;
     }, true);
-    lib.member(table, "table", "concat", [](const Args& args) {
+    lib.builtin(BuiltinId::TableConcat, table, "table", "concat", [](Interpreter&, Arguments args) {
         static const char* message = "table['concat'](table[, sep[, i[, j]]]) requires an array or table";
         if (args.empty() || args.size() > 4 || !isContainer(args[0])) throw ScriptError(message);
         std::vector<Variable> items =
@@ -87,7 +87,7 @@ void Interpreter::registerTableLibrary() {
         }
         return Variable(std::move(out));
     }, true);
-    lib.member(table, "table", "sort", [this](const Args& args) {
+    lib.builtin(BuiltinId::TableSort, table, "table", "sort", [](Interpreter& vm, Arguments args) {
         if (args.empty() || args.size() > 2 || !isContainer(args[0]) ||
             (args.size() == 2 && args[1].type() != VarType::Function))
             throw ScriptError("table['sort'](table[, comp]) requires an array or table");
@@ -101,7 +101,7 @@ void Interpreter::registerTableLibrary() {
             std::stable_sort(items.begin(), items.end(), [&](const Variable& a, const Variable& b) {
                 pair[0] = a;
                 pair[1] = b;
-                return isTruthy(call(comparator, pair));
+                return isTruthy(vm.call(comparator, pair));
             });
         } else if (std::all_of(items.begin(), items.end(), [](const Variable& v) { return v.type() == VarType::Int; })) {
             std::vector<std::int32_t> numbers;
@@ -122,54 +122,77 @@ void Interpreter::registerTableLibrary() {
     }, true);
 }
 
+namespace {
+
+// math.floor and the other functions of one number. Each has its own message, so the
+// template takes it as a parameter; the scalar form lets compiled arithmetic skip the call.
+template <const char* Message, double (*Function)(double), bool Integral>
+Variable mathUnary(Interpreter&, Arguments args) {
+    if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError(Message);
+    double result = Function(toDouble(args[0]));
+    if (Integral && result >= -2147483648.0 && result <= 2147483647.0) return Variable(static_cast<std::int32_t>(result));
+    return Variable(result);
+}
+
+double floorOf(double x) { return std::floor(x); }
+double ceilOf(double x) { return std::ceil(x); }
+double sineOf(double x) { return std::sin(x); }
+double cosineOf(double x) { return std::cos(x); }
+double radiansOf(double x) { return x * 3.14159265358979323846 / 180.0; }
+double squareRootOf(double x) { return std::sqrt(x); }
+
+constexpr char kFloorMessage[] = "math['floor'](x) requires exactly 1 argument";
+constexpr char kCeilMessage[] = "math['ceil'](x) requires exactly 1 argument";
+constexpr char kSinMessage[] = "math['sin'](x) requires exactly 1 argument";
+constexpr char kCosMessage[] = "math['cos'](x) requires exactly 1 argument";
+constexpr char kRadMessage[] = "math['rad'](x) requires exactly 1 argument";
+constexpr char kMinMessage[] = "math['min'](...) requires at least 1 argument";
+constexpr char kMaxMessage[] = "math['max'](...) requires at least 1 argument";
+
+template <const char* Message, bool WantMax>
+Variable mathExtreme(Interpreter&, Arguments args) {
+    if (args.empty()) throw ScriptError(Message);
+    Variable best = args[0];
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        int order = compareVariables(args[i], best);
+        if (WantMax ? order > 0 : order < 0) best = args[i];
+    }
+    return best;
+}
+
+}  // namespace
+
 void Interpreter::registerMathLibrary() {
     Library lib(*this);
     Variable math = lib.group("math");
-    auto unary = [&](const char* name, double (*function)(double), bool integral, bool alsoGlobal) {
-        std::string message = std::string("math['") + name + "'](x) requires exactly 1 argument";
-        Variable callable = lib.member(math, "math", name, [message, function, integral](const Args& args) {
-            if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError(message);
-            double result = function(toDouble(args[0]));
-            if (integral && result >= -2147483648.0 && result <= 2147483647.0) return Variable(static_cast<std::int32_t>(result));
-            return Variable(result);
-        }, alsoGlobal);
+    auto unary = [&](BuiltinId id, const char* name, BuiltinFunction implementation, double (*function)(double),
+                     bool integral, bool alsoGlobal) {
+        Variable callable = lib.builtin(id, math, "math", name, implementation, alsoGlobal);
         callable.callable().scalarUnary = function;
         callable.callable().integralResult = integral;
     };
-    unary("floor", [](double x) { return std::floor(x); }, true, true);
-    unary("ceil", [](double x) { return std::ceil(x); }, true, true);
-    unary("sin", [](double x) { return std::sin(x); }, false, false);
-    unary("cos", [](double x) { return std::cos(x); }, false, false);
-    unary("rad", [](double x) { return x * 3.14159265358979323846 / 180.0; }, false, false);
-    lib.member(math, "math", "abs", [](const Args& args) {
+    unary(BuiltinId::MathFloor, "floor", mathUnary<kFloorMessage, floorOf, true>, floorOf, true, true);
+    unary(BuiltinId::MathCeil, "ceil", mathUnary<kCeilMessage, ceilOf, true>, ceilOf, true, true);
+    unary(BuiltinId::MathSin, "sin", mathUnary<kSinMessage, sineOf, false>, sineOf, false, false);
+    unary(BuiltinId::MathCos, "cos", mathUnary<kCosMessage, cosineOf, false>, cosineOf, false, false);
+    unary(BuiltinId::MathRad, "rad", mathUnary<kRadMessage, radiansOf, false>, radiansOf, false, false);
+    lib.builtin(BuiltinId::MathAbs, math, "math", "abs", [](Interpreter&, Arguments args) {
         if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError("math['abs'](x) requires exactly 1 argument");
         if (args[0].type() == VarType::Int)
             return Variable(args[0].asInt() == INT32_MIN ? INT32_MIN : std::abs(args[0].asInt()));
         return Variable(std::fabs(toDouble(args[0])));
     });
-    Variable sqrtFunction = lib.member(math, "math", "sqrt", [](const Args& args) {
+    Variable sqrtFunction = lib.builtin(BuiltinId::MathSqrt, math, "math", "sqrt", [](Interpreter&, Arguments args) {
         if (args.size() != 1 || !args[0].isNumericLike()) throw ScriptError("math['sqrt'](x) requires exactly 1 argument");
         double x = toDouble(args[0]);
         if (x < 0) throw ScriptError("math['sqrt'] requires a non-negative value");
         return Variable(std::sqrt(x));
     }, true);
-    sqrtFunction.callable().scalarUnary = [](double x) { return std::sqrt(x); };
+    sqrtFunction.callable().scalarUnary = squareRootOf;
     sqrtFunction.callable().scalarMinimum = 0.0;
-    auto extreme = [&](const char* name, bool wantMax) {
-        std::string message = std::string("math['") + name + "'](...) requires at least 1 argument";
-        lib.member(math, "math", name, [message, wantMax](const Args& args) {
-            if (args.empty()) throw ScriptError(message);
-            Variable best = args[0];
-            for (std::size_t i = 1; i < args.size(); ++i) {
-                int order = compareVariables(args[i], best);
-                if (wantMax ? order > 0 : order < 0) best = args[i];
-            }
-            return best;
-        });
-    };
-    extreme("min", false);
-    extreme("max", true);
-    lib.member(math, "math", "log", [](const Args& args) {
+    lib.builtin(BuiltinId::MathMin, math, "math", "min", mathExtreme<kMinMessage, false>);
+    lib.builtin(BuiltinId::MathMax, math, "math", "max", mathExtreme<kMaxMessage, true>);
+    lib.builtin(BuiltinId::MathLog, math, "math", "log", [](Interpreter&, Arguments args) {
         if (args.empty() || args.size() > 2 || !args[0].isNumericLike() || (args.size() == 2 && !args[1].isNumericLike()))
             throw ScriptError("math['log'](x[, base]) requires 1 or 2 arguments");
         double x = toDouble(args[0]);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/interpreter_internal.h"
+#include "core/pattern.h"
 
 #include <string>
 #include <vector>
@@ -9,6 +10,9 @@
 namespace korvel {
 
 using Args = std::vector<Variable>;
+
+// The longest string a library function builds (256 MiB); past it the function fails.
+constexpr std::size_t kMaxStringResult = std::size_t(1) << 28;
 
 class Library {
 public:
@@ -34,8 +38,29 @@ public:
         if (alsoGlobal) m_vm.setGlobal(name, callable);
         return callable;
     }
+    // A built-in that calls may reach without an argument vector (see BuiltinId).
+    Variable builtin(BuiltinId id, const std::string& name, BuiltinFunction function) {
+        Variable callable = wrap(id, name, function);
+        m_vm.setGlobal(name, callable);
+        return callable;
+    }
+    Variable builtin(BuiltinId id, Variable& groupTable, const std::string& groupName, const std::string& name,
+                     BuiltinFunction function, bool alsoGlobal = false) {
+        Variable callable = wrap(id, groupName + "." + name, function);
+        groupTable.table().set(name, callable);
+        if (alsoGlobal) m_vm.setGlobal(name, callable);
+        return callable;
+    }
 
 private:
+    Variable wrap(BuiltinId id, const std::string& displayName, BuiltinFunction function) {
+        Interpreter* vm = &m_vm;
+        Variable callable = m_vm.owner.createNativeCallable(
+            [vm, function](const std::vector<Variable>& args) { return function(*vm, args); }, displayName);
+        m_vm.builtins[static_cast<std::size_t>(id)] = BuiltinEntry{callable, function};
+        return callable;
+    }
+
     Interpreter& m_vm;
 };
 
@@ -43,11 +68,20 @@ private:
 // text is not a number in that base.
 Variable parseNumberText(std::string_view text, int base);
 
-}  // namespace korvel
+// Adds what a matcher spent to the run's pattern allowance when the search ends, also by an error.
+struct PatternStepCharge {
+    Interpreter& vm;
+    const PatternMatcher& matcher;
+    ~PatternStepCharge() { vm.patternSteps += static_cast<std::uint64_t>(matcher.stepsUsed()); }
+};
 
-namespace korvel {
-// Searches text from byte offset init for a Lua-style pattern. With positions, returns the
-// start and end (1-based) and the captures; otherwise the captures or the whole match. Nil
-// when nothing matches.
-Variable findPattern(const std::string& text, const std::string& pattern, std::size_t init, bool positions);
+// A matcher for one search from a library function, within the run's pattern allowance.
+inline PatternOptions budgetedPatternOptions(Interpreter& vm, PatternOptions options = {}) {
+    options.stepBudget = vm.patternStepLimit(options.stepBudget);
+    return options;
+}
+
+// string.gsub and the global gsub (lib_gsub.cpp).
+Variable gsubBuiltin(Interpreter& vm, Arguments args);
+
 }  // namespace korvel

@@ -216,6 +216,25 @@ void Interpreter::checkStack() {
         throw ScriptError("Call depth limit exceeded (recursion too deep)");
 }
 
+std::size_t Interpreter::stackRoom() {
+    checkStack();
+    char marker = 0;
+    auto here = reinterpret_cast<std::uintptr_t>(&marker);
+    std::size_t used = here < stackBase ? stackBase - here : 0;
+    return used < stackLimit ? stackLimit - used : 0;
+}
+
+long Interpreter::patternStepLimit(long wanted) const {
+    if (stepBudget == 0) return wanted;
+    std::uint64_t allowance = stepBudget * kPatternStepsPerStatement;
+    if (patternSteps >= allowance) return 0;
+    return static_cast<long>(std::min<std::uint64_t>(static_cast<std::uint64_t>(wanted), allowance - patternSteps));
+}
+
+void Interpreter::requireUnsandboxed(const char* function) const {
+    if (sandboxed) throw ScriptError(std::string(function) + " is not available in a sandboxed interpreter");
+}
+
 }  // namespace korvel
 
 namespace korvel {

@@ -3,6 +3,8 @@
 //   print(x) @@ expect: 42          -- each "expect:" is the next line of standard output
 //   @@ expect error: Division by zero -- the run fails with exactly this message
 // A file without an expected error must run cleanly; its output must match line for line.
+// Files run as script files (relative paths start at their directory) and find a fresh,
+// private directory for scratch files in TEST_TEMP_DIR (with a trailing slash).
 #include "core/korvel_script.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 
 namespace {
@@ -58,10 +61,18 @@ TEST_P(ScriptFile, MatchesItsExpectations) {
     Expectations expected = readExpectations(buffer.str());
     ASSERT_TRUE(expected.expectsError || !expected.output.empty()) << "no expectations in " << GetParam();
 
+    // Unique also across builds whose tests run at the same time.
+    std::string unique = std::to_string(std::random_device{}()) + "_" +
+                         ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::replace(unique.begin(), unique.end(), '/', '_');
+    fs::path scratch = fs::temp_directory_path() / ("korvel_script_" + unique);
+    fs::create_directories(scratch);
     korvel::KorvelScript script;
     std::string output;
     script.setOutput([&](std::string_view text) { output += text; });
-    korvel::RunResult result = script.runScript(buffer.str(), fs::path(GetParam()).filename().string());
+    script.pushVariable("TEST_TEMP_DIR", korvel::Variable(scratch.string() + "/"));
+    korvel::RunResult result = script.runFile(GetParam());
+    fs::remove_all(scratch);
 
     std::vector<std::string> lines;
     std::istringstream produced(output);

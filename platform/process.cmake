@@ -1,0 +1,12 @@
+# The shell-pipe layer behind io.popen (platform/process.h), one backend per platform.
+if(NOT TARGET korvel_process)
+  if(WIN32)
+    message(FATAL_ERROR "korvel_process: the Windows backend is not written yet")
+  endif()
+  add_library(korvel_process STATIC ${CMAKE_CURRENT_LIST_DIR}/posix/posix_process.cpp)
+  target_include_directories(korvel_process PUBLIC ${PROJECT_SOURCE_DIR})
+  korvel_warnings(korvel_process)
+  if(KORVEL_FUZZ)
+    target_compile_options(korvel_process PRIVATE -fsanitize=fuzzer-no-link,address,undefined)
+  endif()
+endif()
