@@ -923,6 +923,9 @@ StringObject* Interpreter::internString(std::string_view text) {
         ++found->second->refCount;
         return found->second;
     }
+    // Chunks come and go (load in a loop): drop the strings only this cache still holds once
+    // it has doubled since the last time.
+    if (internedStrings.size() >= 2 * std::max<std::size_t>(internedAfterPruning, 1024)) pruneDeadTableCacheEntries();
     StringObject* object = newStringObject(text);
     object->hashValue();
     internedStrings.emplace(std::string_view(object->text), object);
@@ -932,6 +935,22 @@ StringObject* Interpreter::internString(std::string_view text) {
 
 std::vector<FunctionProto*> buildChunkStructure(Interpreter& vm, Chunk& chunk) {
     return ChunkCompiler(vm, chunk).buildStructure();
+}
+
+std::size_t Interpreter::pruneDeadTableCacheEntries() {
+    std::size_t dropped = 0;
+    for (auto entry = internedStrings.begin(); entry != internedStrings.end();) {
+        StringObject* string = entry->second;
+        if (string->refCount == 1) {
+            entry = internedStrings.erase(entry);  // the key points into the string: erase first
+            releaseString(string);
+            ++dropped;
+        } else {
+            ++entry;
+        }
+    }
+    internedAfterPruning = internedStrings.size();
+    return dropped;
 }
 
 Chunk::~Chunk() {

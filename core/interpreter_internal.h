@@ -396,6 +396,9 @@ public:
     // constant keys usually match by pointer. Returns a new reference.
     StringObject* internString(std::string_view text);
     std::unordered_map<std::string_view, StringObject*> internedStrings;
+    // Drops the constant strings that no chunk or value uses any more; returns how many.
+    std::size_t pruneDeadTableCacheEntries();
+    std::size_t internedAfterPruning = 0;
     std::vector<std::shared_ptr<Chunk>> liveChunks;  // chunks whose functions may still be called
 
     void checkStack();

@@ -189,9 +189,12 @@ void Interpreter::registerBaseLibrary() {
         auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
         return Variable(static_cast<std::int32_t>(ms & 0x7fffffff));
     });
-    lib.builtin(BuiltinId::CollectGarbage, "collectGarbage", [](Interpreter&, Arguments) {
-        // Frees containers that only keep each other alive; returns how many went.
-        return Variable(static_cast<std::int32_t>(collectCycles()));
+    lib.builtin(BuiltinId::CollectGarbage, "collectGarbage", [](Interpreter& vm, Arguments) {
+        // Frees containers that only keep each other alive and returns how many went; also drops
+        // the cached key strings that nothing uses any more.
+        auto freed = static_cast<std::int32_t>(collectCycles());
+        vm.pruneDeadTableCacheEntries();
+        return Variable(freed);
     });
     setGlobal("KORVEL_NAME", Variable("KorvelScript"));
     setGlobal("KORVEL_RELEASE", Variable("Beta"));

@@ -365,8 +365,9 @@ void Interpreter::registerStateLibrary() {
     lib.global("exportState", [this](const Args& args) -> Variable {
         if (args.size() > 1) throw ScriptError("exportState([path]) expects zero or one argument");
         if (!args.empty() && args[0].type() != VarType::String) throw ScriptError("exportState(path) expects a path string");
+        if (args.empty()) return Variable::makeRaw(exportState());
+        requireUnsandboxed("exportState(path)");
         std::vector<std::uint8_t> bytes = exportState();
-        if (args.empty()) return Variable::makeRaw(std::move(bytes));
         std::string why;
         if (!writeFileAtomically(args[0].asString(), bytes, why))
             throw ScriptError("Failed to open state file for writing: " + args[0].asString() + " (" + why + ")");
@@ -380,6 +381,7 @@ void Interpreter::registerStateLibrary() {
             return Variable(true);
         }
         if (args[0].type() != VarType::String) throw ScriptError("importState(rawOrPath) expects raw bytes or a path string");
+        requireUnsandboxed("importState(path)");
         std::vector<std::uint8_t> bytes;
         if (!readFileBytes(args[0].asString(), bytes)) throw ScriptError("Failed to open state file: " + args[0].asString());
         importState(bytes.data(), bytes.size(), args[0].asString());

@@ -3,6 +3,7 @@
 // of built-ins against the ordinary call; the guards that keep hostile patterns from hanging
 // or overflowing the stack; loadFile and runFile; the sandbox.
 #include "core/gsub.h"
+#include "core/interpreter_internal.h"
 #include "core/korvel_script.h"
 
 #include "tests/core/test_support.h"
@@ -553,6 +554,33 @@ INSTANTIATE_TEST_SUITE_P(Functions, Sandbox, ::testing::Values(
     MessageCase{"loadFile(\"/dev/null\")", "loadFile is not available in a sandboxed interpreter"},
     MessageCase{"runFile(\"/dev/null\")", "runFile is not available in a sandboxed interpreter"}),
     messageName);
+
+}  // namespace
+}  // namespace korvel
+
+namespace korvel {
+namespace {
+
+TEST(KeyCacheTest, StringsOfChunksThatAreGoneLeaveTheCache) {
+    // Each loaded chunk brings constant strings of its own; once the chunks are gone, the cache
+    // must not keep all of them.
+    KorvelScript script;
+    RunResult result = script.runScript(R"(
+for i = 1, 20000
+  f = load("return 'k" + toString(i) + "' + 'x" + toString(i) + "'")
+  v = f()
+end
+f = 0
+)");
+    ASSERT_TRUE(result.ok) << result.errorReport;
+    Interpreter& vm = script.impl().vm;
+    EXPECT_LT(vm.internedStrings.size(), 10000u);
+    std::size_t before = vm.internedStrings.size();
+    ASSERT_TRUE(script.runScript("collectGarbage()").ok);
+    EXPECT_LT(vm.internedStrings.size(), before);
+    // Strings still in use stay: a table key written in a live chunk still finds its entry.
+    ASSERT_TRUE(script.runScript("t = {alpha: 1}\ncollectGarbage()\nassert(t.alpha == 1)").ok);
+}
 
 }  // namespace
 }  // namespace korvel
