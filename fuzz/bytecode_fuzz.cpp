@@ -28,6 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         resign(image);
     } else {
         korvel::KorvelScript compiler;
+        compiler.setSandboxed(true);
         try {
             image = compiler.serialiseBytecode(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz.ks");
         } catch (const korvel::ScriptError&) {
@@ -36,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     korvel::KorvelScript script;
     script.setOutput([](std::string_view) {});
+    script.setSandboxed(true);  // no files or processes from fuzzed scripts
     script.setStepBudget(20000);
     script.setCallDepthLimit(2000);
     try {
