@@ -13,7 +13,9 @@ bool isContainer(const Variable& v) { return v.type() == VarType::Array || v.typ
 // The 1-based position an int key names in an array, or 0.
 std::int64_t arrayPosition(const Variable& key) {
     if (key.type() == VarType::Int) return key.asInt();
-    if (key.type() == VarType::Float && std::floor(key.asFloat()) == key.asFloat()) return static_cast<std::int64_t>(key.asFloat());
+    // Beyond 2^31 no array reaches; such keys (and the infinities) name no place.
+    if (key.type() == VarType::Float && std::floor(key.asFloat()) == key.asFloat() && std::fabs(key.asFloat()) < 2147483648.0f)
+        return static_cast<std::int64_t>(key.asFloat());
     return 0;
 }
 

@@ -2,6 +2,7 @@
 // lives in lib_gsub.cpp).
 #include "core/library_internal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -26,9 +27,23 @@ std::int64_t endPosition(std::int64_t j, std::size_t length) {
     return static_cast<std::int64_t>(length) + j + 1;
 }
 
+// A numeric argument as an integer, floored. Floats far out are clamped to +-2^53, so that
+// the position and count arithmetic after it (negation, adding a length) cannot overflow;
+// positions and counts that far out behave as if infinitely far.
 std::int64_t integerArgument(const Variable& v) {
     if (v.type() == VarType::Int) return v.asInt();
-    return static_cast<std::int64_t>(std::floor(toDouble(v)));
+    constexpr double kLimit = 9007199254740992.0;
+    double value = std::floor(toDouble(v));
+    if (std::isnan(value)) return 0;
+    return static_cast<std::int64_t>(std::clamp(value, -kLimit, kLimit));
+}
+
+// Whether %d, %x and the like can print the value as the integer it names.
+bool formatsAsInteger(const Variable& v) {
+    if (!v.isNumericLike()) return false;
+    if (v.type() != VarType::Float) return true;
+    double value = std::floor(static_cast<double>(v.asFloat()));
+    return std::isfinite(value) && std::fabs(value) < 9007199254740992.0;
 }
 
 bool hasPatternSpecials(const std::string& pattern) {
@@ -83,7 +98,7 @@ Variable formatString(Interpreter&, Arguments args) {
         switch (conversion) {
         case 'd':
         case 'i': {
-            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            if (!formatsAsInteger(value)) throw ScriptError("string['format']: failed to format value");
             spec += "lld";
             written = std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<long long>(integerArgument(value)));
             break;
@@ -92,7 +107,7 @@ Variable formatString(Interpreter&, Arguments args) {
         case 'o':
         case 'x':
         case 'X': {
-            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            if (!formatsAsInteger(value)) throw ScriptError("string['format']: failed to format value");
             spec += "ll";
             spec += conversion;
             auto bits = static_cast<unsigned long long>(integerArgument(value));
@@ -101,7 +116,7 @@ Variable formatString(Interpreter&, Arguments args) {
             break;
         }
         case 'c': {
-            if (!value.isNumericLike()) throw ScriptError("string['format']: failed to format value");
+            if (!formatsAsInteger(value)) throw ScriptError("string['format']: failed to format value");
             spec += 'c';
             written = std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<int>(integerArgument(value)) & 0xff);
             break;

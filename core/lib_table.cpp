@@ -29,7 +29,10 @@ void storeSequence(Table& table, const std::vector<Variable>& items, std::size_t
 
 std::int64_t positionArgument(const Variable& v, const char* message) {
     if (!v.isNumericLike()) throw ScriptError(message);
-    return static_cast<std::int64_t>(std::floor(toDouble(v)));
+    // Clamped far beyond any length, so that a huge float is out of bounds, not overflowed.
+    double position = std::floor(toDouble(v));
+    if (std::isnan(position)) return 0;
+    return static_cast<std::int64_t>(std::clamp(position, -4294967296.0, 4294967296.0));
 }
 
 }  // namespace

@@ -81,13 +81,22 @@ INSTANTIATE_TEST_SUITE_P(String, LibraryResult, ::testing::Values(
     ResultCase{"for w in gmatch(\"abc\", \"x*\")\nio.write(\"[\", w, \"]\")\nend\nprint()", "[][][][]\n"},
     ResultCase{"for p in gmatch(\"hello\", \"()l\")\nprint(p)\nend", "3\n4\n"},
     ResultCase{"for w in gmatch(\"aaa\", \"^a\")\nprint(w)\nend", "a\n"},
-    ResultCase{"it = gmatch(\"x y\", \"%a\"); print(it(), it(), it())", "x y not\n"}),
+    ResultCase{"it = gmatch(\"x y\", \"%a\"); print(it(), it(), it())", "x y not\n"},
+    // Positions far outside any string (a regression: the conversion to an integer overflowed).
+    ResultCase{"big = toNumber(\"1e30\"); print(string.sub(\"hello\", -big, big), string.sub(\"hello\", big) == \"\")",
+               "hello true\n"},
+    ResultCase{"big = toNumber(\"1e30\"); print(find(\"abc\", \"b\", big), match(\"abc\", \".\", -big), byte(\"abc\", -big))",
+               "not a 97\n"}),
     resultName);
 
 INSTANTIATE_TEST_SUITE_P(Table, LibraryResult, ::testing::Values(
     ResultCase{"t = [1, 2]; insert(t, 3); insert(t, 1, 0); print(t)", "[0, 1, 2, 3]\n"},
     ResultCase{"t = [1, 2, 3]; print(remove(t), remove(t, 1), t)", "3 1 [2]\n"},
     ResultCase{"t = []; print(table.remove(t))", "not\n"},
+    ResultCase{"big = toNumber(\"1e30\"); print(remove([1], -big), concat([1, 2], \"\", -big, big))", "not 12\n"},
+    // A float key far beyond any array names no place, like a text key.
+    ResultCase{"k1, v1 = next([5], toNumber(\"1e30\")); k2, v2 = next([5], \"x\"); print(k1 == k2, v1 == v2)",
+               "true true\n"},
     ResultCase{"print(concat([1, \"a\", 2.5], \", \"), table.concat([1, 2, 3, 4], \"-\", 2, 3))", "1, a, 2.500000 2-3\n"},
     ResultCase{"t = [3, 1, 2]; sort(t); u = [\"b\", \"c\", \"a\"]; table.sort(u); print(t, u)", "[1, 2, 3] [a, b, c]\n"},
     ResultCase{"function later(a, b)\nreturn a > b\nend\nt = [1, 3, 2]; sort(t, later); print(t)", "[3, 2, 1]\n"},
@@ -146,6 +155,10 @@ INSTANTIATE_TEST_SUITE_P(String, LibraryMessage, ::testing::Values(
     MessageCase{"format(\"%5d\")", "string['format']: missing argument for format specifier %5d"},
     MessageCase{"format(\"%y\", 1)", "string['format']: unsupported specifier %y"},
     MessageCase{"format(\"%d\", \"x\")", "string['format']: failed to format value"},
+    MessageCase{"format(\"%d\", toNumber(\"1e30\"))", "string['format']: failed to format value"},
+    MessageCase{"format(\"%x\", toNumber(\"-1e30\"))", "string['format']: failed to format value"},
+    MessageCase{"string.rep(\"a\", toNumber(\"1e30\"))", "string['rep'] result is too large"},
+    MessageCase{"char(toNumber(\"1e30\"))", "string['char'] byte value out of range"},
     MessageCase{"match(\"abc\", \"(a\")", "malformed pattern: unfinished capture"},
     MessageCase{"gsub(\"a\", \"a\")", "gsub(string, pattern, replacement) requires exactly 3 arguments"},
     MessageCase{"(\"a\")[\"gsub\"](\"a\")", "gsub(string, pattern, replacement) requires exactly 3 arguments"},
@@ -170,6 +183,7 @@ INSTANTIATE_TEST_SUITE_P(String, LibraryMessage, ::testing::Values(
 INSTANTIATE_TEST_SUITE_P(Table, LibraryMessage, ::testing::Values(
     MessageCase{"insert(5, 1)", "table['insert'](table[, pos], value) requires an array or table"},
     MessageCase{"insert([1], 5, 2)", "table['insert']: position out of bounds"},
+    MessageCase{"insert([1], toNumber(\"1e30\"), 2)", "table['insert']: position out of bounds"},
     MessageCase{"remove(\"x\")", "table['remove'](table[, pos]) requires an array or table"},
     MessageCase{"concat(1)", "table['concat'](table[, sep[, i[, j]]]) requires an array or table"},
     MessageCase{"sort([1], 5)", "table['sort'](table[, comp]) requires an array or table"},
