@@ -78,6 +78,7 @@ public:
         return value;
     }
     std::uint64_t varint() {
+        if (m_position < m_size && m_data[m_position] < 0x80) return m_data[m_position++];  // most are one byte
         std::uint64_t value = 0;
         for (int shift = 0; shift < 64; shift += 7) {
             std::uint8_t byte = u8();

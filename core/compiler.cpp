@@ -521,7 +521,7 @@ private:
                 continue;
             }
             m_owner[static_cast<std::size_t>(i)] = proto;
-            m_ownedLines[proto].push_back(i);
+            proto->ownLines.push_back(i);
             const ParsedScriptLine& line = lines[static_cast<std::size_t>(i)];
             if (isFunctionKind(line.kind) && line.endIndex > i && line.endIndex <= proto->bodyEnd) {
                 auto child = std::make_unique<FunctionProto>();
@@ -550,7 +550,7 @@ private:
     // Parameters and every name the body declares local get slots.
     void collectSlots(FunctionProto& proto) {
         auto& lines = m_chunk.parsed.lines;
-        for (std::int32_t i : m_ownedLines[&proto]) {
+        for (std::int32_t i : proto.ownLines) {
             const ParsedScriptLine& line = lines[static_cast<std::size_t>(i)];
             for (std::size_t k = 0; k < line.tokens.size(); ++k) {
                 std::string_view name;
@@ -679,7 +679,7 @@ private:
         auto& lines = m_chunk.parsed.lines;
         // Loops open around each line, for break targets.
         std::vector<std::int32_t> loops;
-        for (std::int32_t i : m_ownedLines[&proto]) {
+        for (std::int32_t i : proto.ownLines) {
             while (!loops.empty() && lines[static_cast<std::size_t>(loops.back())].endIndex >= 0 &&
                    lines[static_cast<std::size_t>(loops.back())].endIndex < i)
                 loops.pop_back();
@@ -911,8 +911,6 @@ private:
     Interpreter& m_vm;
     Chunk& m_chunk;
     std::vector<FunctionProto*> m_owner;
-    // Each prototype's own lines in order, so that deeply nested functions cost linear time.
-    std::unordered_map<const FunctionProto*, std::vector<std::int32_t>> m_ownedLines;
 };
 
 }  // namespace

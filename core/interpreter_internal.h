@@ -5,6 +5,7 @@
 #include "core/korvel_script.h"
 #include "core/parser_internal.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -154,13 +155,35 @@ struct FunctionProto {
     std::unordered_map<std::string, std::int32_t> slotIndex;
     std::unordered_map<std::string, std::int32_t> labels;  // nest label -> line
     std::vector<std::int32_t> loopOfLine;                   // unused entries are -1
+    std::vector<std::int32_t> ownLines;  // the lines of the body that are not in nested functions
+};
+
+// Objects that never move once made, allocated in blocks that double from 8 to 256 (a big
+// chunk makes many thousands of expression nodes, a deque would allocate every few; a small
+// one, as load makes, stays small).
+template <typename T>
+class StableArena {
+public:
+    T& emplace_back() {
+        if (m_used == m_blockSize) {
+            m_blockSize = m_blocks.empty() ? 8 : std::min<std::size_t>(m_blockSize * 2, 256);
+            m_blocks.push_back(std::make_unique<T[]>(m_blockSize));
+            m_used = 0;
+        }
+        return m_blocks.back()[m_used++];
+    }
+
+private:
+    std::vector<std::unique_ptr<T[]>> m_blocks;
+    std::size_t m_blockSize = 0;
+    std::size_t m_used = 0;
 };
 
 struct Chunk : std::enable_shared_from_this<Chunk> {
     ParsedScript parsed;
     std::vector<CompiledLine> lines;
-    std::deque<FastExpression> nodes;
-    std::deque<NameRef> names;
+    StableArena<FastExpression> nodes;
+    StableArena<NameRef> names;
     std::vector<std::unique_ptr<FunctionProto>> protos;  // protos[0] is the top level
     std::vector<StringObject*> ownedKeys;
     std::optional<std::string> directory;  // a script file's directory, the base for its relative paths

@@ -197,26 +197,46 @@ namespace {
 LineKind classifyLine(const std::vector<std::string>& t, ScopePrefix& prefix) {
     prefix = ScopePrefix::None;
     if (t.empty()) return LineKind::Statement;
-    const std::string& first = t[0];
-    bool secondIsFunction = t.size() > 1 && t[1] == "function";
-    if (first == "if") return LineKind::If;
-    if (first == "elseif") return LineKind::ElseIf;
-    if (first == "else") return LineKind::Else;
-    if (first == "end") return LineKind::End;
-    if (first == "while") return LineKind::While;
-    if (first == "repeat") return LineKind::Repeat;
-    if (first == "until") return LineKind::Until;
-    if (first == "for") return LineKind::For;
-    if (first == "function") return LineKind::Function;
-    if (first == "decay" && secondIsFunction) return LineKind::DecayFunction;
-    if (first == "native" && secondIsFunction) return LineKind::NativeFunction;
-    if (first == "local" && secondIsFunction) return LineKind::LocalFunction;
-    if (first == "nest") return LineKind::Nest;
-    if (first == "return") return LineKind::Return;
-    if (first == "break") return LineKind::Break;
-    if (first == "native") prefix = ScopePrefix::Native;
-    if (first == "local") prefix = ScopePrefix::Local;
-    if (first == "external") prefix = ScopePrefix::External;
+    std::string_view first = t[0];
+    auto secondIsFunction = [&] { return t.size() > 1 && t[1] == "function"; };
+    // By length first: every line is classified, and most start with a plain name.
+    switch (first.size()) {
+    case 2:
+        if (first == "if") return LineKind::If;
+        break;
+    case 3:
+        if (first == "end") return LineKind::End;
+        if (first == "for") return LineKind::For;
+        break;
+    case 4:
+        if (first == "else") return LineKind::Else;
+        if (first == "nest") return LineKind::Nest;
+        break;
+    case 5:
+        if (first == "while") return LineKind::While;
+        if (first == "until") return LineKind::Until;
+        if (first == "break") return LineKind::Break;
+        if (first == "decay" && secondIsFunction()) return LineKind::DecayFunction;
+        if (first == "local") {
+            if (secondIsFunction()) return LineKind::LocalFunction;
+            prefix = ScopePrefix::Local;
+        }
+        break;
+    case 6:
+        if (first == "elseif") return LineKind::ElseIf;
+        if (first == "repeat") return LineKind::Repeat;
+        if (first == "return") return LineKind::Return;
+        if (first == "native") {
+            if (secondIsFunction()) return LineKind::NativeFunction;
+            prefix = ScopePrefix::Native;
+        }
+        break;
+    case 8:
+        if (first == "function") return LineKind::Function;
+        if (first == "external") prefix = ScopePrefix::External;
+        break;
+    default: break;
+    }
     return LineKind::Statement;
 }
 

@@ -26,15 +26,12 @@ double medianOf(std::vector<double> values) {
 // Times making a chunk; freeing it again happens outside the timed part, as it is the same
 // work for both ways.
 template <typename Work>
-double medianMilliseconds(int runs, Work work) {
-    std::vector<double> times;
-    for (int i = 0; i < runs; ++i) {
-        auto start = std::chrono::steady_clock::now();
-        std::shared_ptr<korvel::Chunk> chunk = work();
-        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
-        if (!chunk) std::abort();
-    }
-    return medianOf(times);
+double millisecondsFor(Work work) {
+    auto start = std::chrono::steady_clock::now();
+    std::shared_ptr<korvel::Chunk> chunk = work();
+    double elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    if (!chunk) std::abort();
+    return elapsed;
 }
 
 }  // namespace
@@ -68,12 +65,18 @@ int main(int argc, char** argv) {
     korvel::KorvelScript script;
     korvel::Interpreter& vm = script.impl().vm;
     std::vector<std::uint8_t> image = script.serialiseBytecode(source, "bench.ks");
-    const int runs = 31;
-    double parse = medianMilliseconds(runs, [&] {
-        korvel::ScriptError error("");
-        return vm.compileChunk(source, "bench.ks", &error);
-    });
-    double load = medianMilliseconds(runs, [&] { return korvel::decodeBytecodeImage(vm, image.data(), image.size()); });
+    // The two ways take turns, so that both meet the same state of a busy machine.
+    const int runs = 41;
+    std::vector<double> parseTimes, loadTimes;
+    for (int i = 0; i < runs; ++i) {
+        parseTimes.push_back(millisecondsFor([&] {
+            korvel::ScriptError error("");
+            return vm.compileChunk(source, "bench.ks", &error);
+        }));
+        loadTimes.push_back(millisecondsFor([&] { return korvel::decodeBytecodeImage(vm, image.data(), image.size()); }));
+    }
+    double parse = medianOf(parseTimes);
+    double load = medianOf(loadTimes);
     std::printf("source: %zu lines, %zu bytes; image: %zu bytes\n", lines, source.size(), image.size());
     std::printf("parse and compile: %.2f ms (median of %d)\n", parse, runs);
     std::printf("load image:        %.2f ms (median of %d)\n", load, runs);
