@@ -145,4 +145,14 @@ inline std::uint32_t byteChecksum(const std::uint8_t* data, std::size_t size) {
     return (hash ^ static_cast<std::uint32_t>(size)) * 16777619u;
 }
 
+// The files' common header: magic (4 bytes), u32 format version, u32 checksum of the rest.
+constexpr std::size_t kFileHeaderSize = 12;
+
+// Writes the checksum of everything after the header into a finished file's header.
+inline void sealChecksum(std::vector<std::uint8_t>& bytes) {
+    if (bytes.size() < kFileHeaderSize) return;
+    std::uint32_t sum = byteChecksum(bytes.data() + kFileHeaderSize, bytes.size() - kFileHeaderSize);
+    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(sum >> (8 * i));
+}
+
 }  // namespace korvel

@@ -25,29 +25,15 @@ namespace {
 
 constexpr char kMagic[4] = {'K', 'S', 'B', 'C'};
 constexpr std::uint32_t kFormatVersion = 1;
-constexpr std::size_t kHeaderSize = 12;
+constexpr std::size_t kHeaderSize = kFileHeaderSize;
 // How deep an image's expression may make the evaluator recurse; the compiler's own limits
 // stay far below it.
 constexpr std::uint32_t kMaxEvaluationDepth = 4096;
-constexpr std::uint32_t kChainHeight = 32;  // the evaluator's threshold for walking chains in a loop
 
 enum class ConstantTag : std::uint8_t { Nil, Int, Float, String, Bool, Pointer };
 
-bool isChainOperator(Op op) {
-    switch (op) {
-    case Op::Or: case Op::And: case Op::Eq: case Op::Ne: case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge:
-    case Op::Add: case Op::Sub: case Op::Mul: case Op::Div: case Op::IDiv: case Op::Mod: return true;
-    default: return false;
-    }
-}
-
 bool isBinary(Op op) { return op >= Op::Or && op <= Op::Pentation; }
 bool isUnary(Op op) { return op >= Op::Neg && op <= Op::Plus; }
-
-bool isFunctionLine(LineKind kind) {
-    return kind == LineKind::Function || kind == LineKind::DecayFunction || kind == LineKind::NativeFunction ||
-           kind == LineKind::LocalFunction;
-}
 
 // ---------------------------------------------------------------- writing
 
@@ -473,7 +459,7 @@ private:
         case LineKind::Return: return kind == StmtKind::Return;
         case LineKind::Break: return kind == StmtKind::Break;
         case LineKind::Nest: return kind == StmtKind::Nest;
-        default: return isFunctionLine(line) && kind == StmtKind::FunctionDecl;
+        default: return isFunctionKind(line) && kind == StmtKind::FunctionDecl;
         }
     }
 
@@ -556,7 +542,7 @@ private:
         for (NameRef* name : m_nameList)
             if (name->scope == -1 || name->scope == 1) name->globalSlot = m_vm.globalSlot(name->name);
         for (CompiledLine& line : m_chunk->lines) {
-            if (isFunctionLine(line.lineKind) && line.proto) continue;
+            if (isFunctionKind(line.lineKind) && line.proto) continue;
             assignScalarFunctions(line.expr);
             assignScalarFunctions(line.stop);
             assignScalarFunctions(line.step);
@@ -590,8 +576,7 @@ std::vector<std::uint8_t> encodeBytecodeImage(const Chunk& chunk) {
     out.u32(0);  // the checksum, filled in below
     writeChunkBytes(out, chunk);
     std::vector<std::uint8_t>& bytes = out.bytes();
-    std::uint32_t sum = byteChecksum(bytes.data() + kHeaderSize, bytes.size() - kHeaderSize);
-    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(sum >> (8 * i));
+    sealChecksum(bytes);
     return std::move(bytes);
 }
 

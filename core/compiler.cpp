@@ -21,11 +21,6 @@ struct CompileError {
     std::int32_t token;
 };
 
-bool isFunctionKind(LineKind kind) {
-    return kind == LineKind::Function || kind == LineKind::DecayFunction || kind == LineKind::NativeFunction ||
-           kind == LineKind::LocalFunction;
-}
-
 int binaryClass(const std::string& t) {
     switch (t.size()) {
     case 1:
@@ -488,18 +483,7 @@ public:
     ChunkCompiler(Interpreter& vm, Chunk& chunk) : m_vm(vm), m_chunk(chunk) {}
 
     void compile() {
-        auto& lines = m_chunk.parsed.lines;
-        m_owner.assign(lines.size(), nullptr);
-        m_chunk.lines.resize(lines.size());
-        auto top = std::make_unique<FunctionProto>();
-        top->chunk = &m_chunk;
-        top->isChunk = true;
-        top->name = m_chunk.parsed.name;
-        top->bodyBegin = 0;
-        top->bodyEnd = static_cast<std::int32_t>(lines.size());
-        FunctionProto* root = top.get();
-        m_chunk.protos.push_back(std::move(top));
-        buildProto(*root);
+        makePrototypes();
         for (auto& proto : m_chunk.protos) compileProto(*proto);
     }
 
@@ -711,6 +695,14 @@ public:
     // The structure alone, for a chunk whose statements come from elsewhere (a bytecode image):
     // prototypes with their bodies, block links, loop numbers, break targets and labels.
     std::vector<FunctionProto*> buildStructure() {
+        makePrototypes();
+        for (auto& proto : m_chunk.protos) linkLines(*proto, false);
+        return m_owner;
+    }
+
+private:
+    // The whole chunk's prototype, then one per function declaration, with every line's owner.
+    void makePrototypes() {
         auto& lines = m_chunk.parsed.lines;
         m_owner.assign(lines.size(), nullptr);
         m_chunk.lines.assign(lines.size(), CompiledLine{});
@@ -723,11 +715,8 @@ public:
         FunctionProto* root = top.get();
         m_chunk.protos.push_back(std::move(top));
         buildProto(*root);
-        for (auto& proto : m_chunk.protos) linkLines(*proto, false);
-        return m_owner;
     }
 
-private:
     void compileLine(FunctionProto& proto, const ParsedScriptLine& line, CompiledLine& out) {
         LineCompiler lc(m_vm, m_chunk, proto, line);
         const auto& t = line.tokens;

@@ -11,8 +11,6 @@ namespace korvel {
 
 namespace {
 
-// Trees taller than this are operator chains walked in a loop (see evalChain).
-constexpr std::uint32_t kChainHeight = 32;
 
 inline std::int32_t wrapAdd(std::int32_t a, std::int32_t b) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
@@ -206,14 +204,6 @@ void Interpreter::noteScalarMiss(const FastExpression* n) {
 }
 
 namespace {
-
-bool isChainOperator(Op op) {
-    switch (op) {
-    case Op::Or: case Op::And: case Op::Eq: case Op::Ne: case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge:
-    case Op::Add: case Op::Sub: case Op::Mul: case Op::Div: case Op::IDiv: case Op::Mod: return true;
-    default: return false;
-    }
-}
 
 char operatorCharacter(Op op) {
     switch (op) {

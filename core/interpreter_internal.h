@@ -47,6 +47,17 @@ enum class Op : std::uint8_t {
 
 class Interpreter;
 struct FastExpression;
+
+// Trees taller than this made of these operators are chains walked in a loop (evalChain), so
+// their length never becomes recursion depth.
+constexpr std::uint32_t kChainHeight = 32;
+inline bool isChainOperator(Op op) {
+    switch (op) {
+    case Op::Or: case Op::And: case Op::Eq: case Op::Ne: case Op::Lt: case Op::Gt: case Op::Le: case Op::Ge:
+    case Op::Add: case Op::Sub: case Op::Mul: case Op::Div: case Op::IDiv: case Op::Mod: return true;
+    default: return false;
+    }
+}
 struct GsubPattern;
 
 // Built-ins that compiled calls dispatch to directly, without an argument vector, while their

@@ -242,6 +242,11 @@ LineKind classifyLine(const std::vector<std::string>& t, ScopePrefix& prefix) {
 
 }  // namespace
 
+bool isFunctionKind(LineKind kind) {
+    return kind == LineKind::Function || kind == LineKind::DecayFunction || kind == LineKind::NativeFunction ||
+           kind == LineKind::LocalFunction;
+}
+
 bool opensBlock(LineKind kind) {
     switch (kind) {
     case LineKind::If:

@@ -89,5 +89,7 @@ inline bool isStringToken(std::string_view token) {
 void prepareParsedLines(std::vector<ParsedScriptLine>& lines);
 // Whether a line of this kind opens a block that an end or until closes.
 bool opensBlock(LineKind kind);
+// Whether a line of this kind declares a function.
+bool isFunctionKind(LineKind kind);
 
 }  // namespace korvel

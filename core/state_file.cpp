@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kMagic[4] = {'K', 'S', 'S', 'T'};
 constexpr std::uint32_t kFormatVersion = 1;
-constexpr std::size_t kHeaderSize = 12;
+constexpr std::size_t kHeaderSize = kFileHeaderSize;
 
 enum class ValueTag : std::uint8_t { Nil, Int, Float, String, Raw, Bool, Object };
 enum class ObjectKind : std::uint8_t { Array, Table, ScriptFunction, LoadedChunk, NativeFunction };
@@ -76,8 +76,7 @@ public:
             writeValue(out, *value);
         }
         std::vector<std::uint8_t>& bytes = out.bytes();
-        std::uint32_t sum = byteChecksum(bytes.data() + kHeaderSize, bytes.size() - kHeaderSize);
-        for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(sum >> (8 * i));
+        sealChecksum(bytes);
         return std::move(bytes);
     }
 

@@ -12,20 +12,10 @@
 #include <string_view>
 #include <vector>
 
-namespace {
-
-void resign(std::vector<std::uint8_t>& image) {
-    if (image.size() < 12) return;
-    std::uint32_t hash = korvel::byteChecksum(image.data() + 12, image.size() - 12);
-    for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::vector<std::uint8_t> image(data, data + size);
     if (size >= 4 && std::memcmp(data, "KSBC", 4) == 0) {
-        resign(image);
+        korvel::sealChecksum(image);
     } else {
         korvel::KorvelScript compiler;
         compiler.setSandboxed(true);

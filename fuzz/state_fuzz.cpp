@@ -15,12 +15,6 @@
 
 namespace {
 
-void resign(std::vector<std::uint8_t>& bytes) {
-    if (bytes.size() < 12) return;
-    std::uint32_t hash = korvel::byteChecksum(bytes.data() + 12, bytes.size() - 12);
-    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
-}
-
 std::vector<std::uint8_t> exported(korvel::KorvelScript& script) {
     korvel::Variable state = script.callCallable(script.pullVariable("exportState"), {});
     return state.asRaw();
@@ -36,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     script.setCallDepthLimit(2000);
     std::vector<std::uint8_t> bytes(data, data + size);
     if (size >= 4 && std::memcmp(data, "KSST", 4) == 0) {
-        resign(bytes);
+        korvel::sealChecksum(bytes);
         script.runScript("hero = {name: \"Ann\", bag: [1, 2]}\nhero.self = hero\nlevel = 3\n");
     } else {
         // Globals a script can build.

@@ -121,17 +121,11 @@ TEST(BytecodeTest, DamagedImagesAreRefusedWithAReason) {
     }
 }
 
-// Rewrites the checksum so that the damage reaches the validation behind it.
-void resign(std::vector<std::uint8_t>& image) {
-    std::uint32_t hash = korvel::byteChecksum(image.data() + 12, image.size() - 12);
-    for (int i = 0; i < 4; ++i) image[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
-}
-
 TEST(BytecodeTest, EveryTruncationIsRefused) {
     std::vector<std::uint8_t> good = imageOf(kProgram);
     for (std::size_t length = 12; length < good.size(); ++length) {
         std::vector<std::uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length));
-        resign(cut);
+        korvel::sealChecksum(cut);
         KorvelScript script;
         EXPECT_THROW(script.deserialiseBytecode(cut), ScriptError) << "length " << length;
     }
@@ -147,7 +141,7 @@ TEST(BytecodeTest, CorruptionBehindAValidChecksumNeverCrashes) {
             std::vector<std::uint8_t> bad = good;
             if (bad[at] == value) continue;
             bad[at] = value;
-            resign(bad);
+            korvel::sealChecksum(bad);
             KorvelScript script;
             script.setOutput([](std::string_view) {});
             script.setStepBudget(10000);

@@ -106,12 +106,6 @@ TEST_F(StateFileTest, AFailedSaveLeavesTheOldSaveWhole) {
     EXPECT_EQ(output(game, ("importState(\"" + save + "\")\nprint(level)").c_str()), "1\n");
 }
 
-// Rewrites the checksum so that the damage reaches the checks behind it.
-void resign(std::vector<std::uint8_t>& bytes) {
-    std::uint32_t hash = korvel::byteChecksum(bytes.data() + 12, bytes.size() - 12);
-    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<std::uint8_t>(hash >> (8 * i));
-}
-
 TEST_F(StateFileTest, DamagedStatesLeaveTheGlobalsExactlyAsTheyWere) {
     KorvelScript game;
     output(game, kGame);
@@ -123,7 +117,7 @@ TEST_F(StateFileTest, DamagedStatesLeaveTheGlobalsExactlyAsTheyWere) {
     std::vector<std::vector<std::uint8_t>> damaged;
     for (std::size_t length = 0; length < good.size(); length += 3) {
         damaged.emplace_back(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length));
-        if (length >= 12) resign(damaged.back());
+        if (length >= 12) korvel::sealChecksum(damaged.back());
     }
     std::vector<std::uint8_t> unsigned_ = good;
     unsigned_[good.size() - 1] ^= 1;
