@@ -1,0 +1,214 @@
+// Whole-image filters: dither, mirror, bilinear upscale, block smoothing and trim. Each one that
+// runs on worker threads writes disjoint destination rows and reads only what no worker
+// writes, so its result is the same whatever the thread setting.
+#include "graphics/mirel_image.h"
+
+#include "graphics/mirel_internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace quillfen {
+
+namespace {
+
+using mirel_detail::forEachRowRange;
+using mirel_detail::RowSplit;
+using mirel_detail::threadsForRows;
+
+bool hasPixels(const MirelImage* image) {
+    return image && image->pixels && image->width > 0 && image->height > 0;
+}
+
+// Replaces the image by one twice as wide and high in which each pixel is a 2 × 2 block.
+// False (image untouched) when the doubled image would be too large.
+bool doubleImage(MirelImage& image) {
+    const std::int64_t width = std::int64_t{image.width} * 2, height = std::int64_t{image.height} * 2;
+    auto doubled = allocatePixels(width, height);
+    if (!doubled) return false;
+    const std::uint8_t* old = image.pixels.get();
+    const std::size_t oldRowBytes = static_cast<std::size_t>(image.width) * 4, newRowBytes = oldRowBytes * 2;
+    for (std::int64_t y = 0; y < image.height; ++y) {
+        const std::uint8_t* from = old + static_cast<std::size_t>(y) * oldRowBytes;
+        std::uint8_t* to = doubled.get() + static_cast<std::size_t>(y) * 2 * newRowBytes;
+        for (std::size_t x = 0; x < oldRowBytes; x += 4) {
+            std::memcpy(to + x * 2, from + x, 4);
+            std::memcpy(to + x * 2 + 4, from + x, 4);
+        }
+        std::memcpy(to + newRowBytes, to, newRowBytes);  // the second row of each block
+    }
+    image.pixels = std::move(doubled);
+    image.width = static_cast<std::int32_t>(width);
+    image.height = static_cast<std::int32_t>(height);
+    return true;
+}
+
+}  // namespace
+
+void ditherImage(MirelImage* image, int amount, bool doubleSize) {
+    if (!image) return;
+    if (doubleSize && hasPixels(image) && !doubleImage(*image)) return;
+    if (amount <= 0 || !hasPixels(image)) return;
+
+    // 2 × amount + 1 fits in 32 unsigned bits for every positive int.
+    const std::uint32_t modulus = 2u * static_cast<std::uint32_t>(amount) + 1u;
+    const int width = image->width;
+    std::uint8_t* pixels = image->pixels.get();
+    auto ditherRows = [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
+            std::uint8_t* pixel = pixels + pixelOffset(*image, 0, y);
+            const std::uint32_t rowHash = static_cast<std::uint32_t>(y) * 689287499u;
+            for (int x = 0; x < width; ++x, pixel += 4) {
+                // A pure hash of the position: the noise is the same however rows are split.
+                const std::uint32_t hash = ((static_cast<std::uint32_t>(x) * 92837111u) ^ rowHash) * 1664525u + 1013904223u;
+                const std::int64_t noise = static_cast<std::int64_t>(hash % modulus) - amount;
+                for (int channel = 0; channel < 4; ++channel) {  // alpha too: dithering roughens transparency
+                    const std::int64_t value = pixel[channel] + noise;
+                    pixel[channel] = static_cast<std::uint8_t>(std::clamp<std::int64_t>(value, 0, 255));
+                }
+            }
+        }
+    };
+    forEachRowRange(image->height, threadsForRows(image->height), RowSplit::Chunked, ditherRows);
+}
+
+void mirrorMirelImage(MirelImage* image, MirrorAxis axis) {
+    if (!hasPixels(image)) return;
+    std::uint8_t* pixels = image->pixels.get();
+    const std::size_t rowBytes = static_cast<std::size_t>(image->width) * 4;
+    if (axis == MirrorAxis::Horizontal) {
+        for (int y = 0; y < image->height; ++y) {
+            std::uint8_t* row = pixels + pixelOffset(*image, 0, y);
+            for (std::size_t left = 0, right = rowBytes - 4; left < right; left += 4, right -= 4)
+                std::swap_ranges(row + left, row + left + 4, row + right);
+        }
+        return;
+    }
+    for (int y = 0; y < image->height / 2; ++y)  // an odd middle row stays where it is
+        std::swap_ranges(pixels + pixelOffset(*image, 0, y), pixels + pixelOffset(*image, 0, y) + rowBytes,
+                         pixels + pixelOffset(*image, 0, image->height - 1 - y));
+}
+
+namespace {
+
+// Where destination column (or row) d of an upscale samples: the two source indices around it
+// and the weight of the second. The first index is trunc(s) clamped, so at the left and top
+// edges, where s is slightly negative, the weight is negative and the filter extrapolates a
+// little; results are clamped to bytes.
+struct Sample {
+    int first = 0, second = 0;
+    double weight = 0;
+};
+
+Sample upscaleSample(int destination, double factor, int size) {
+    const double position = (destination + 0.5) / factor - 0.5;
+    Sample sample;
+    sample.first = std::clamp(static_cast<int>(position), 0, size - 1);
+    sample.second = std::clamp(sample.first + 1, 0, size - 1);
+    sample.weight = position - sample.first;
+    return sample;
+}
+
+}  // namespace
+
+void upscaleMirelImage(MirelImage* image, double factor) {
+    if (!hasPixels(image) || !(factor > 1.0)) return;
+    const double newWidth = std::trunc(factor * image->width), newHeight = std::trunc(factor * image->height);
+    if (!(newWidth <= 2147483647.0 && newHeight <= 2147483647.0)) return;
+    auto enlarged = allocatePixels(static_cast<std::int64_t>(newWidth), static_cast<std::int64_t>(newHeight));
+    if (!enlarged) return;
+    const int width = static_cast<int>(newWidth), height = static_cast<int>(newHeight);
+
+    std::vector<Sample> columns(static_cast<std::size_t>(width));
+    for (int x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] = upscaleSample(x, factor, image->width);
+    const MirelImage& source = *image;
+    std::uint8_t* to = enlarged.get();
+    auto scaleRows = [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
+            const Sample row = upscaleSample(y, factor, source.height);
+            const std::uint8_t* top = source.pixels.get() + pixelOffset(source, 0, row.first);
+            const std::uint8_t* bottom = source.pixels.get() + pixelOffset(source, 0, row.second);
+            std::uint8_t* out = to + static_cast<std::size_t>(y) * static_cast<std::size_t>(width) * 4;
+            for (const Sample& column : columns) {
+                const double fx = column.weight, fy = row.weight;
+                const double w00 = (1 - fx) * (1 - fy), w10 = fx * (1 - fy), w01 = (1 - fx) * fy, w11 = fx * fy;
+                const std::uint8_t* p00 = top + static_cast<std::size_t>(column.first) * 4;
+                const std::uint8_t* p10 = top + static_cast<std::size_t>(column.second) * 4;
+                const std::uint8_t* p01 = bottom + static_cast<std::size_t>(column.first) * 4;
+                const std::uint8_t* p11 = bottom + static_cast<std::size_t>(column.second) * 4;
+                for (int channel = 0; channel < 4; ++channel, ++out) {
+                    const double value = p00[channel] * w00 + p10[channel] * w10 + p01[channel] * w01 + p11[channel] * w11;
+                    // The nudge keeps a value that is whole in exact arithmetic (a flat area,
+                    // a weight of exactly 0.25) from truncating one lower through rounding noise.
+                    *out = static_cast<std::uint8_t>(std::clamp(std::trunc(value + 1e-7), 0.0, 255.0));
+                }
+            }
+        }
+    };
+    const int threads = std::min(mirelThreadCount(), height);
+    forEachRowRange(height, threads, RowSplit::Balanced, scaleRows);
+    image->pixels = std::move(enlarged);
+    image->width = width;
+    image->height = height;
+}
+
+void bilinearInPlace(MirelImage* image) {
+    const int threads = mirelThreadCount(), block = mirelAccuracy();
+    if (threads <= 0 || block <= 0 || !hasPixels(image)) return;
+    const std::int64_t width = image->width, height = image->height;
+    std::uint8_t* pixels = image->pixels.get();
+
+    // Grid pixels are never written, and every other pixel reads only grid pixels, so rows can
+    // be smoothed in place and in parallel.
+    auto smoothRows = [&](int first, int end) {
+        for (std::int64_t y = first; y < end; ++y) {
+            const std::int64_t offsetY = y % block, top = y - offsetY;
+            const std::int64_t bottom = top + block < height ? top + block : top;
+            const std::int64_t spanY = bottom - top;
+            const std::int64_t weightY = spanY == 0 ? 0 : offsetY, fullY = spanY == 0 ? 1 : spanY;
+            const std::uint8_t* topRow = pixels + static_cast<std::size_t>(top * width * 4);
+            const std::uint8_t* bottomRow = pixels + static_cast<std::size_t>(bottom * width * 4);
+            std::uint8_t* row = pixels + static_cast<std::size_t>(y * width * 4);
+            for (std::int64_t x = 0; x < width; ++x) {
+                const std::int64_t offsetX = x % block;
+                if (offsetX == 0 && offsetY == 0) continue;
+                const std::int64_t left = x - offsetX, right = left + block < width ? left + block : left;
+                const std::int64_t spanX = right - left;
+                const std::int64_t weightX = spanX == 0 ? 0 : offsetX, fullX = spanX == 0 ? 1 : spanX;
+                // Exact rational weights: (offset / span) on each axis, rounded half up at the end.
+                const std::int64_t w00 = (fullX - weightX) * (fullY - weightY), w10 = weightX * (fullY - weightY);
+                const std::int64_t w01 = (fullX - weightX) * weightY, w11 = weightX * weightY;
+                const std::int64_t denominator = fullX * fullY;
+                for (int channel = 0; channel < 4; ++channel) {
+                    const std::int64_t sum = topRow[left * 4 + channel] * w00 + topRow[right * 4 + channel] * w10 +
+                                             bottomRow[left * 4 + channel] * w01 + bottomRow[right * 4 + channel] * w11;
+                    row[x * 4 + channel] = static_cast<std::uint8_t>((sum * 2 + denominator) / (denominator * 2));
+                }
+            }
+        }
+    };
+    forEachRowRange(image->height, std::min(threads, image->height), RowSplit::Balanced, smoothRows);
+}
+
+void trimMirelImage(MirelImage* image, int width, int height) {
+    if (!hasPixels(image) || width <= 0 || height <= 0) return;
+    if (width > image->width || height > image->height) return;
+    if (width == image->width && height == image->height) return;
+    auto trimmed = allocatePixels(width, height);
+    if (!trimmed) return;
+    const std::size_t rowBytes = static_cast<std::size_t>(width) * 4;
+    const MirelImage& source = *image;
+    std::uint8_t* to = trimmed.get();
+    auto copyRows = [&](int first, int end) {
+        for (int y = first; y < end; ++y)
+            std::memcpy(to + static_cast<std::size_t>(y) * rowBytes, source.pixels.get() + pixelOffset(source, 0, y), rowBytes);
+    };
+    forEachRowRange(height, threadsForRows(height), RowSplit::Chunked, copyRows);
+    image->pixels = std::move(trimmed);
+    image->width = width;
+    image->height = height;
+}
+
+}  // namespace quillfen
