@@ -13,7 +13,7 @@ namespace {
 
 // Below this magnitude a triangle's determinant counts as zero: the triangle has no area.
 constexpr double kDegenerateDeterminant = 1e-5;
-// Pixel centres exactly on the shared diagonal may miss both triangles by rounding noise;
+// Points exactly on the shared diagonal may miss both triangles by rounding noise;
 // this slack closes the seam (the first triangle wins where both accept).
 constexpr double kEdgeSlack = 1e-6;
 
@@ -58,13 +58,13 @@ void processRows(int firstRow, int endRow, const MirelImage& input, MirelImage& 
     for (int y = firstRow; y < endRow; ++y) {
         std::uint8_t* to = output.pixels.get() + pixelOffset(output, 0, y);
         for (int x = firstColumn; x < endColumn; ++x) {
-            const Point centre{x + 0.5, y + 0.5};
+            const Point position{static_cast<double>(x), static_cast<double>(y)};
             double u = 0, v = 0, inputX = 0, inputY = 0;
-            if (quad.inverseFirst != 0 && triangleCoordinates(centre, leftTop, rightTop, leftBottom, quad.inverseFirst, u, v)) {
+            if (quad.inverseFirst != 0 && triangleCoordinates(position, leftTop, rightTop, leftBottom, quad.inverseFirst, u, v)) {
                 inputX = u * quad.inputMaxX;
                 inputY = v * quad.inputMaxY;
             } else if (quad.inverseSecond != 0 &&
-                       triangleCoordinates(centre, rightBottom, leftBottom, rightTop, quad.inverseSecond, u, v)) {
+                       triangleCoordinates(position, rightBottom, leftBottom, rightTop, quad.inverseSecond, u, v)) {
                 inputX = (1 - u) * quad.inputMaxX;
                 inputY = (1 - v) * quad.inputMaxY;
             } else {

@@ -17,9 +17,11 @@ struct QuadMapping {
     float inputMaxY = 0;
 };
 
-// Maps the input onto the quad for output rows [firstRow, endRow): every output pixel whose
-// centre lies in a triangle takes the nearest input pixel through that triangle's affine map,
-// drawn with the blend rule. Rows outside the output are ignored.
+// Maps the input onto the quad for output rows [firstRow, endRow): every output pixel (x, y)
+// whose position lies in a triangle takes the nearest input pixel through that triangle's
+// affine map, drawn with the blend rule. The corners are pixel positions: the input's corner
+// pixels land exactly on the corner pixels, so a quad of the input's own size copies it.
+// Rows outside the output are ignored.
 void processRows(int firstRow, int endRow, const MirelImage& input, MirelImage& output, const QuadMapping& quad);
 
 }  // namespace quillfen::mirel_shader
