@@ -54,6 +54,9 @@ void ditherImage(MirelImage* image, int amount, bool doubleSize) {
 
     // 2 × amount + 1 fits in 32 unsigned bits for every positive int.
     const std::uint32_t modulus = 2u * static_cast<std::uint32_t>(amount) + 1u;
+    // The remainder through a multiplication by the reciprocal instead of a division per pixel:
+    // the quotient estimate is off by at most one, which the two corrections repair.
+    const double reciprocal = 1.0 / modulus;
     const int width = image->width;
     std::uint8_t* pixels = image->pixels.get();
     auto ditherRows = [&](int first, int end) {
@@ -63,11 +66,13 @@ void ditherImage(MirelImage* image, int amount, bool doubleSize) {
             for (int x = 0; x < width; ++x, pixel += 4) {
                 // A pure hash of the position: the noise is the same however rows are split.
                 const std::uint32_t hash = ((static_cast<std::uint32_t>(x) * 92837111u) ^ rowHash) * 1664525u + 1013904223u;
-                const std::int64_t noise = static_cast<std::int64_t>(hash % modulus) - amount;
-                for (int channel = 0; channel < 4; ++channel) {  // alpha too: dithering roughens transparency
-                    const std::int64_t value = pixel[channel] + noise;
-                    pixel[channel] = static_cast<std::uint8_t>(std::clamp<std::int64_t>(value, 0, 255));
-                }
+                const std::int64_t quotient = static_cast<std::int64_t>(hash * reciprocal);
+                std::int64_t remainder = static_cast<std::int64_t>(hash) - quotient * modulus;
+                if (remainder < 0) remainder += modulus;
+                else if (remainder >= modulus) remainder -= modulus;
+                const int noise = static_cast<int>(remainder - amount);
+                for (int channel = 0; channel < 4; ++channel)  // alpha too: dithering roughens transparency
+                    pixel[channel] = static_cast<std::uint8_t>(std::clamp(pixel[channel] + noise, 0, 255));
             }
         }
     };
@@ -142,7 +147,8 @@ void upscaleMirelImage(MirelImage* image, double factor) {
                     const double value = p00[channel] * w00 + p10[channel] * w10 + p01[channel] * w01 + p11[channel] * w11;
                     // The nudge keeps a value that is whole in exact arithmetic (a flat area,
                     // a weight of exactly 0.25) from truncating one lower through rounding noise.
-                    *out = static_cast<std::uint8_t>(std::clamp(std::trunc(value + 1e-7), 0.0, 255.0));
+                    // Clamped (min and max, no branches) before the conversion, which then truncates.
+                    *out = static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(value + 1e-7, 0.0), 255.0)));
                 }
             }
         }
@@ -154,37 +160,63 @@ void upscaleMirelImage(MirelImage* image, double factor) {
     image->height = height;
 }
 
+namespace {
+
+// Where a column (or row) of block smoothing takes its two grid lines from: the grid line at or
+// before it, the next one (or the same one again past the edge) and its weight `offset / span`,
+// kept as integers so the interpolation is exact. A zero span gives weight 0.
+struct GridSpan {
+    std::int64_t first = 0, second = 0;
+    double weight = 0, span = 1;
+};
+
+GridSpan gridSpan(std::int64_t position, std::int64_t block, std::int64_t size) {
+    GridSpan grid;
+    const std::int64_t offset = position % block;
+    grid.first = position - offset;
+    grid.second = grid.first + block < size ? grid.first + block : grid.first;
+    if (grid.second != grid.first) {
+        grid.weight = static_cast<double>(offset);
+        grid.span = static_cast<double>(grid.second - grid.first);
+    }
+    return grid;
+}
+
+}  // namespace
+
 void bilinearInPlace(MirelImage* image) {
     const int threads = mirelThreadCount(), block = mirelAccuracy();
     if (threads <= 0 || block <= 0 || !hasPixels(image)) return;
     const std::int64_t width = image->width, height = image->height;
     std::uint8_t* pixels = image->pixels.get();
+    std::vector<GridSpan> columns(static_cast<std::size_t>(width));
+    for (std::int64_t x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] = gridSpan(x, block, width);
 
     // Grid pixels are never written, and every other pixel reads only grid pixels, so rows can
     // be smoothed in place and in parallel.
     auto smoothRows = [&](int first, int end) {
         for (std::int64_t y = first; y < end; ++y) {
-            const std::int64_t offsetY = y % block, top = y - offsetY;
-            const std::int64_t bottom = top + block < height ? top + block : top;
-            const std::int64_t spanY = bottom - top;
-            const std::int64_t weightY = spanY == 0 ? 0 : offsetY, fullY = spanY == 0 ? 1 : spanY;
-            const std::uint8_t* topRow = pixels + static_cast<std::size_t>(top * width * 4);
-            const std::uint8_t* bottomRow = pixels + static_cast<std::size_t>(bottom * width * 4);
-            std::uint8_t* row = pixels + static_cast<std::size_t>(y * width * 4);
+            const GridSpan row = gridSpan(y, block, height);
+            const bool gridRow = row.first == y;
+            const std::uint8_t* topRow = pixels + static_cast<std::size_t>(row.first * width * 4);
+            const std::uint8_t* bottomRow = pixels + static_cast<std::size_t>(row.second * width * 4);
+            std::uint8_t* out = pixels + static_cast<std::size_t>(y * width * 4);
             for (std::int64_t x = 0; x < width; ++x) {
-                const std::int64_t offsetX = x % block;
-                if (offsetX == 0 && offsetY == 0) continue;
-                const std::int64_t left = x - offsetX, right = left + block < width ? left + block : left;
-                const std::int64_t spanX = right - left;
-                const std::int64_t weightX = spanX == 0 ? 0 : offsetX, fullX = spanX == 0 ? 1 : spanX;
-                // Exact rational weights: (offset / span) on each axis, rounded half up at the end.
-                const std::int64_t w00 = (fullX - weightX) * (fullY - weightY), w10 = weightX * (fullY - weightY);
-                const std::int64_t w01 = (fullX - weightX) * weightY, w11 = weightX * weightY;
-                const std::int64_t denominator = fullX * fullY;
-                for (int channel = 0; channel < 4; ++channel) {
-                    const std::int64_t sum = topRow[left * 4 + channel] * w00 + topRow[right * 4 + channel] * w10 +
-                                             bottomRow[left * 4 + channel] * w01 + bottomRow[right * 4 + channel] * w11;
-                    row[x * 4 + channel] = static_cast<std::uint8_t>((sum * 2 + denominator) / (denominator * 2));
+                const GridSpan& column = columns[static_cast<std::size_t>(x)];
+                if (gridRow && column.first == x) continue;
+                // Integer weights over the denominator span × span: all sums are exact in a
+                // double, and the tiny nudge keeps an exact half from rounding down through
+                // the reciprocal's last bit (true fractions are at least 1 / denominator away).
+                const double w00 = (column.span - column.weight) * (row.span - row.weight);
+                const double w10 = column.weight * (row.span - row.weight);
+                const double w01 = (column.span - column.weight) * row.weight;
+                const double w11 = column.weight * row.weight;
+                const double scale = 1.0 / (column.span * row.span);
+                const std::size_t left = static_cast<std::size_t>(column.first) * 4, right = static_cast<std::size_t>(column.second) * 4;
+                for (std::size_t channel = 0; channel < 4; ++channel) {
+                    const double sum = topRow[left + channel] * w00 + topRow[right + channel] * w10 +
+                                       bottomRow[left + channel] * w01 + bottomRow[right + channel] * w11;
+                    out[static_cast<std::size_t>(x) * 4 + channel] = static_cast<std::uint8_t>(static_cast<int>(sum * scale + 0.5 + 1e-11));
                 }
             }
         }

@@ -103,6 +103,26 @@ INSTANTIATE_TEST_SUITE_P(
                       BlendCase{"alpha accumulates to at most 255", {0, 0, 0, 255}, {255, 255, 255, 254}, {254, 254, 254, 255}},
                       BlendCase{"alpha 1 onto transparent", {0, 0, 0, 0}, {255, 255, 255, 1}, {1, 1, 1, 1}}));
 
+TEST(BlendRule, WideRowsGiveWhatTheOnePixelRuleGives) {
+    // Rows are blended several pixels at a time; every (target alpha, source alpha) pair and a
+    // ragged tail must match blending the same pixels one by one.
+    auto target = noiseImage(259, 256, 31), source = noiseImage(259, 256, 32);
+    for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 256; ++x) {
+            target->pixels[pixelOffset(*target, x, y) + 3] = static_cast<std::uint8_t>(x);
+            source->pixels[pixelOffset(*source, x, y) + 3] = static_cast<std::uint8_t>(y);
+        }
+    auto expected = copyImage(*target);
+    for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 259; ++x) {
+            auto one = makeImage(1, 1, pixelAt(*expected, x, y));
+            blitImage(*one, *makeImage(1, 1, pixelAt(*source, x, y)), 0, 0, Blend::Alpha, 1, 0);
+            putPixel(*expected, x, y, pixelAt(*one, 0, 0));
+        }
+    blitImage(*target, *source, 0, 0, Blend::Alpha, 1, 0);
+    EXPECT_TRUE(pixelBytes(*target) == pixelBytes(*expected));
+}
+
 TEST(BlendRule, CopyModeOverwritesEvenTransparentPixels) {
     auto target = makeImage(1, 1, kRed);
     auto source = makeImage(1, 1, {9, 9, 9, 0});
