@@ -70,8 +70,10 @@ void processRows(int firstRow, int endRow, const MirelImage& input, MirelImage& 
             } else {
                 continue;
             }
-            const int sourceX = std::clamp(static_cast<int>(std::lround(inputX)), 0, input.width - 1);
-            const int sourceY = std::clamp(static_cast<int>(std::lround(inputY)), 0, input.height - 1);
+            // Inside a triangle the input position is at least a hair above -0.5, so adding a half
+            // and truncating rounds to the nearest pixel without a library call.
+            const int sourceX = std::clamp(static_cast<int>(inputX + 0.5), 0, input.width - 1);
+            const int sourceY = std::clamp(static_cast<int>(inputY + 0.5), 0, input.height - 1);
             mirel_detail::blendPixel(to + static_cast<std::size_t>(x) * 4, input.pixels.get() + pixelOffset(input, sourceX, sourceY));
         }
     }
