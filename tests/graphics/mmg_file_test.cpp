@@ -191,7 +191,8 @@ INSTANTIATE_TEST_SUITE_P(
         DamagedCase{"empty", {}}, DamagedCase{"fifteen bytes", std::vector<std::uint8_t>(15, 0)},
         DamagedCase{"width 2^31", concat(header(2147483648u, 1), std::vector<std::uint8_t>(100, 0))},
         DamagedCase{"height with upper bits", concat(header(1, 0x100000001ull), std::vector<std::uint8_t>(100, 0))},
-        DamagedCase{"area past 32 bits", concat(header(65536, 16384), std::vector<std::uint8_t>(100, 0))},
+        DamagedCase{"2^31 pixels in 100 bytes", concat(header(65536, 32768), std::vector<std::uint8_t>(84, 0))},
+        DamagedCase{"area of exactly 2^32 bytes", concat(header(65536, 16384), std::vector<std::uint8_t>(100, 0))},
         // 2147352576 bytes of pixels announced in a 100-byte file: refused before allocating.
         DamagedCase{"pixels past the end", concat(header(32768, 16383), std::vector<std::uint8_t>(84, 0))},
         DamagedCase{"one pixel byte short", concat(header(1, 1), {1, 2, 3})},
