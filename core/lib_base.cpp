@@ -33,6 +33,18 @@ Variable parseNumberText(std::string_view text, int base) {
 
 namespace {
 
+// What pcall and xpcall return when the call succeeds: true, then the call's results.
+Variable succeededWith(Variable result) {
+    std::vector<Variable> values{Variable(true)};
+    if (result.type() == VarType::MultiValue) {
+        for (const Variable& v : result.multiValues()) values.push_back(v);
+    } else {
+        values.push_back(std::move(result));
+    }
+    return Variable::makeMulti(std::move(values));
+}
+
+
 // A compiled chunk as a function value; it takes no arguments when called.
 Variable chunkFunction(const std::shared_ptr<Chunk>& chunk, const std::string& name) {
     auto* callable = new ScriptCallable;
@@ -88,13 +100,7 @@ void Interpreter::registerBaseLibrary() {
         std::vector<Variable> rest(args.begin() + 1, args.end());
         try {
             Variable result = vm.call(args[0], rest);
-            std::vector<Variable> values{Variable(true)};
-            if (result.type() == VarType::MultiValue) {
-                for (const Variable& v : result.multiValues()) values.push_back(v);
-            } else {
-                values.push_back(std::move(result));
-            }
-            return Variable::makeMulti(std::move(values));
+            return succeededWith(std::move(result));
         } catch (const ScriptError& error) {
             Variable message = error.hasValue() ? error.value() : Variable(std::string(error.what()));
             return Variable::makeMulti(std::vector<Variable>{Variable(false), std::move(message)});
@@ -111,13 +117,7 @@ void Interpreter::registerBaseLibrary() {
         std::string report;
         try {
             Variable result = call(args[0], rest);
-            std::vector<Variable> values{Variable(true)};
-            if (result.type() == VarType::MultiValue) {
-                for (const Variable& v : result.multiValues()) values.push_back(v);
-            } else {
-                values.push_back(std::move(result));
-            }
-            return Variable::makeMulti(std::move(values));
+            return succeededWith(std::move(result));
         } catch (const ScriptError& error) {
             message = error.hasValue() ? error.value() : Variable(std::string(error.what()));
             report = error.located() ? error.report() : "KorvelScript error: " + std::string(error.what()) + "\n";
