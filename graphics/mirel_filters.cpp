@@ -214,6 +214,7 @@ namespace {
 struct GridSpan {
     std::int64_t first = 0, second = 0;
     double weight = 0, span = 1;
+    double inverseSpan = 1;
 };
 
 GridSpan gridSpan(std::int64_t position, std::int64_t block, std::int64_t size) {
@@ -224,6 +225,7 @@ GridSpan gridSpan(std::int64_t position, std::int64_t block, std::int64_t size) 
     if (grid.second != grid.first) {
         grid.weight = static_cast<double>(offset);
         grid.span = static_cast<double>(grid.second - grid.first);
+        grid.inverseSpan = 1.0 / grid.span;
     }
     return grid;
 }
@@ -251,13 +253,14 @@ void bilinearInPlace(MirelImage* image) {
                 const GridSpan& column = columns[static_cast<std::size_t>(x)];
                 if (gridRow && column.first == x) continue;
                 // Integer weights over the denominator span × span: all sums are exact in a
-                // double, and the tiny nudge keeps an exact half from rounding down through
-                // the reciprocal's last bit (true fractions are at least 1 / denominator away).
+                // double. The reciprocals are off by a few units in the last place; the tiny
+                // nudge keeps an exact half from rounding down through them (true fractions are
+                // at least 1 / denominator away from a half, far more than the nudge).
                 const double w00 = (column.span - column.weight) * (row.span - row.weight);
                 const double w10 = column.weight * (row.span - row.weight);
                 const double w01 = (column.span - column.weight) * row.weight;
                 const double w11 = column.weight * row.weight;
-                const double scale = 1.0 / (column.span * row.span);
+                const double scale = column.inverseSpan * row.inverseSpan;
                 const std::size_t left = static_cast<std::size_t>(column.first) * 4, right = static_cast<std::size_t>(column.second) * 4;
                 for (std::size_t channel = 0; channel < 4; ++channel) {
                     const double sum = topRow[left + channel] * w00 + topRow[right + channel] * w10 +
