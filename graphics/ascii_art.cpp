@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <new>
 #include <string_view>
 
 namespace quillfen {
@@ -40,7 +41,11 @@ std::string asciiArtText(const MirelImage* image, int columns, int rows) {
     const double leftMargin = (columns - drawnWidth) / 2, topMargin = (rows * kCellHeight - drawnHeight) / 2;
 
     std::string text;
-    text.reserve(static_cast<std::size_t>((std::int64_t{columns} + 1) * rows));
+    try {
+        text.reserve(static_cast<std::size_t>((std::int64_t{columns} + 1) * rows));
+    } catch (const std::bad_alloc&) {
+        return {};  // reserved in full, so nothing below allocates
+    }
     for (int row = 0; row < rows; ++row) {
         const double sampleY = row * kCellHeight + kCellHeight / 2;
         if (sampleY < topMargin || sampleY >= topMargin + drawnHeight) {

@@ -6,8 +6,10 @@
 #include "graphics/mirel_internal.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -130,8 +132,16 @@ void upscaleMirelImage(MirelImage* image, double factor) {
     if (!enlarged) return;
     const int width = static_cast<int>(newWidth), height = static_cast<int>(newHeight);
 
-    std::vector<Sample> columns(static_cast<std::size_t>(width));
+    // Tables as long as a row, per call and per worker: running out of memory for them leaves
+    // the image as it was, like every other refusal here.
+    std::vector<Sample> columns;
+    try {
+        columns.resize(static_cast<std::size_t>(width));
+    } catch (const std::bad_alloc&) {
+        return;
+    }
     for (int x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] = upscaleSample(x, factor, image->width);
+    std::atomic<bool> outOfMemory{false};
     const MirelImage& source = *image;
     const std::size_t rowValues = static_cast<std::size_t>(width) * 4;
     std::uint8_t* to = enlarged.get();
@@ -141,7 +151,14 @@ void upscaleMirelImage(MirelImage* image, double factor) {
     // A source row mixed across serves every destination row that samples it, so each worker
     // keeps the last two.
     auto scaleRows = [&](int first, int end) {
-        std::vector<double> upper(rowValues), lower(rowValues);
+        std::vector<double> upper, lower;
+        try {
+            upper.resize(rowValues);
+            lower.resize(rowValues);
+        } catch (const std::bad_alloc&) {
+            outOfMemory = true;
+            return;
+        }
         int upperRow = -1, lowerRow = -1;
         auto mixAcross = [&](int sourceRow, std::vector<double>& out) {
             const std::uint8_t* row = source.pixels.get() + pixelOffset(source, 0, sourceRow);
@@ -201,6 +218,7 @@ void upscaleMirelImage(MirelImage* image, double factor) {
     };
     const int threads = std::min(mirelThreadCount(), height);
     forEachRowRange(height, threads, RowSplit::Balanced, scaleRows);
+    if (outOfMemory) return;
     image->pixels = std::move(enlarged);
     image->width = width;
     image->height = height;
@@ -237,7 +255,12 @@ void bilinearInPlace(MirelImage* image) {
     if (threads <= 0 || block <= 0 || !hasPixels(image)) return;
     const std::int64_t width = image->width, height = image->height;
     std::uint8_t* pixels = image->pixels.get();
-    std::vector<GridSpan> columns(static_cast<std::size_t>(width));
+    std::vector<GridSpan> columns;
+    try {
+        columns.resize(static_cast<std::size_t>(width));
+    } catch (const std::bad_alloc&) {
+        return;
+    }
     for (std::int64_t x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] = gridSpan(x, block, width);
 
     // Grid pixels are never written, and every other pixel reads only grid pixels, so rows can
