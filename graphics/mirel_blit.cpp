@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -137,8 +138,24 @@ void placeTransformed(MirelImage& target, const MirelImage& source, SourceRect p
             const double offsetY = top + row + 0.5 - centreY;
             const double rowU = offsetY * stepUy + part.width / 2.0;
             const double rowV = offsetY * stepVy + part.height / 2.0;
+            // Along the row u and v are linear in the column, so the columns that land inside
+            // the part form one interval; visit only it (widened by a column each way against
+            // rounding; the exact test below still decides every pixel).
+            double firstColumn = 0, endColumn = columns;
+            const double baseOffset = left + 0.5 - centreX;
+            for (const auto& [start, step, size] : {std::tuple{rowU + baseOffset * stepUx, stepUx, static_cast<double>(part.width)},
+                                                    std::tuple{rowV + baseOffset * stepVx, stepVx, static_cast<double>(part.height)}}) {
+                if (step == 0) {
+                    if (!(start >= 0 && start < size)) endColumn = 0;
+                    continue;
+                }
+                const double atZero = -start / step, atSize = (size - start) / step;
+                firstColumn = std::max(firstColumn, std::floor(std::min(atZero, atSize)) - 1);
+                endColumn = std::min(endColumn, std::ceil(std::max(atZero, atSize)) + 1);
+            }
+            if (!(firstColumn < endColumn)) continue;
             std::uint8_t* to = target.pixels.get() + pixelOffset(target, left, top + row);
-            for (int column = 0; column < columns; ++column, to += 4) {
+            for (int column = static_cast<int>(firstColumn); column < static_cast<int>(endColumn); ++column) {
                 const double offsetX = left + column + 0.5 - centreX;
                 const double u = rowU + offsetX * stepUx;
                 const double v = rowV + offsetX * stepVx;
@@ -147,8 +164,9 @@ void placeTransformed(MirelImage& target, const MirelImage& source, SourceRect p
                 const int sourceX = part.x + static_cast<int>(u), sourceY = part.y + static_cast<int>(v);
                 if (sourceX < 0 || sourceY < 0 || sourceX >= source.width || sourceY >= source.height) continue;
                 const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY);
-                if (blend == Blend::Copy) std::memcpy(to, from, 4);
-                else blendPixel(to, from);
+                std::uint8_t* pixel = to + static_cast<std::size_t>(column) * 4;
+                if (blend == Blend::Copy) std::memcpy(pixel, from, 4);
+                else blendPixel(pixel, from);
             }
         }
     };

@@ -149,16 +149,16 @@ void benchFilters() {
         {"block smoothing, block 4", double{kWidth} * kHeight, [&] { quillfen::bilinearInPlace(&work); }},
     };
     for (const Filter& filter : filters) {
-        double oneThread = 0;
+        double secondsByThreads[2] = {};
         for (int threads : {1, 2}) {
             quillfen::setMirelThreadCount(threads);
             const double seconds = medianSeconds(filter.run, reset);
-            if (threads == 1) oneThread = seconds;
+            secondsByThreads[threads - 1] = seconds;
             char name[64];
             std::snprintf(name, sizeof name, "%s, %d thread%s", filter.name, threads, threads == 1 ? "" : "s");
             report(name, seconds, filter.pixels);
         }
-        std::printf("    speed-up with 2 threads: %.2f\n", oneThread / medianSeconds(filter.run, reset));
+        std::printf("    speed-up with 2 threads: %.2f\n", secondsByThreads[0] / secondsByThreads[1]);
     }
 }
 

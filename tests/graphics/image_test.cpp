@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <optional>
 #include <string>
 
@@ -257,6 +258,30 @@ TEST(BlitImage, HalfTurnReversesBothAxesAndFullTurnsChangeNothing) {
     for (int y = 0; y < 3; ++y)
         for (int x = 0; x < 5; ++x) EXPECT_EQ(pixelAt(*turned, 2 + x, 3 + y), pixelAt(*source, 4 - x, 2 - y));
     EXPECT_EQ(pixelBytes(*full), pixelBytes(*upright));
+}
+
+TEST(BlitImage, TurnedImagesCoverExactlyThePixelCentresInsideTheTurnedRectangle) {
+    // Geometry, not the drawing code: a pixel is painted when its centre lies inside the scaled
+    // rectangle turned clockwise about its centre. Centres within a hair of an edge are skipped.
+    auto source = makeImage(23, 11, kRed);
+    for (double angle : {17.0, 33.3, 61.0, 200.5, 301.0})
+        for (double scale : {1.0, 1.7, 0.6}) {
+            auto target = makeImage(64, 64, kClear);
+            blitImage(*target, *source, 20, 25, Blend::Copy, scale, angle);
+            const double radians = angle * 0.017453292, halfWidth = 23 * scale / 2, halfHeight = 11 * scale / 2;
+            const double centreX = 20 + halfWidth, centreY = 25 + halfHeight;
+            int mismatches = 0;
+            for (int y = 0; y < 64; ++y)
+                for (int x = 0; x < 64; ++x) {
+                    const double dx = x + 0.5 - centreX, dy = y + 0.5 - centreY;
+                    const double along = dx * std::cos(radians) + dy * std::sin(radians);
+                    const double across = -dx * std::sin(radians) + dy * std::cos(radians);
+                    const double edge = std::min(halfWidth - std::abs(along), halfHeight - std::abs(across));
+                    if (std::abs(edge) < 1e-6) continue;
+                    mismatches += (edge > 0) != (pixelAt(*target, x, y) == kRed);
+                }
+            EXPECT_EQ(mismatches, 0) << "angle " << angle << ", scale " << scale;
+        }
 }
 
 TEST(BlitImage, TurnedImagesKeepTheirAreaAndStayInsideTheTarget) {
