@@ -104,6 +104,36 @@ void mirrorMirelImage(MirelImage* image, MirrorAxis axis) {
 
 namespace {
 
+// out[i] = top[i] × (1 − fy) + bottom[i] × fy + offset, truncated and saturated to a byte: the
+// last step of both bilinear filters, which mix two rows already mixed across. The offset
+// turns truncation into rounding (0.5) and carries a tiny nudge that keeps a value that is
+// whole (or an exact half) in exact arithmetic from falling one lower through rounding noise.
+void mixRowsToBytes(const double* top, const double* bottom, double fy, double offset, std::uint8_t* out, std::size_t count) {
+    std::size_t index = 0;
+#if defined(__SSE2__)
+    // Four values at a time, two to a register; the same operations in the same order as
+    // below, and the saturating packs do the clamp.
+    const __m128d topWeight = _mm_set1_pd(1 - fy), bottomWeight = _mm_set1_pd(fy), added = _mm_set1_pd(offset);
+    for (; index + 4 <= count; index += 4) {
+        const __m128d first = _mm_add_pd(
+            _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(top + index), topWeight), _mm_mul_pd(_mm_loadu_pd(bottom + index), bottomWeight)), added);
+        const __m128d second = _mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_loadu_pd(top + index + 2), topWeight),
+                                                     _mm_mul_pd(_mm_loadu_pd(bottom + index + 2), bottomWeight)),
+                                          added);
+        const __m128i values = _mm_unpacklo_epi64(_mm_cvttpd_epi32(first), _mm_cvttpd_epi32(second));
+        const __m128i words = _mm_packs_epi32(values, values);
+        const std::int32_t packed = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
+        std::memcpy(out + index, &packed, 4);
+    }
+#endif
+    // Values stay within a little of [0, 255] (the upscale's edge extrapolation), so the
+    // conversion is safe before the clamp.
+    for (; index < count; ++index) {
+        const int value = static_cast<int>(top[index] * (1 - fy) + bottom[index] * fy + offset);
+        out[index] = static_cast<std::uint8_t>(value < 0 ? 0 : value > 255 ? 255 : value);
+    }
+}
+
 // Where destination column (or row) d of an upscale samples: the two source indices around it
 // and the weight of the second. The first index is trunc(s) clamped, so at the left and top
 // edges, where s is slightly negative, the weight is negative and the filter extrapolates a
@@ -185,35 +215,7 @@ void upscaleMirelImage(MirelImage* image, double factor) {
                 mixAcross(row.second, lower);
                 lowerRow = row.second;
             }
-            std::uint8_t* out = to + static_cast<std::size_t>(y) * rowValues;
-            // Plain pointers: the byte stores could otherwise alias the vectors' own fields.
-            const double* top = upper.data();
-            const double* bottom = lower.data();
-            const double fy = row.weight;
-            std::size_t index = 0;
-#if defined(__SSE2__)
-            // One pixel at a time, two channels to a register; the same operations in the same
-            // order as below, and the saturating packs do the clamp.
-            const __m128d topWeight = _mm_set1_pd(1 - fy), bottomWeight = _mm_set1_pd(fy), nudge = _mm_set1_pd(1e-7);
-            for (; index + 4 <= rowValues; index += 4) {
-                const __m128d first = _mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_loadu_pd(top + index), topWeight),
-                                                            _mm_mul_pd(_mm_loadu_pd(bottom + index), bottomWeight)), nudge);
-                const __m128d second = _mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_loadu_pd(top + index + 2), topWeight),
-                                                             _mm_mul_pd(_mm_loadu_pd(bottom + index + 2), bottomWeight)), nudge);
-                const __m128i values = _mm_unpacklo_epi64(_mm_cvttpd_epi32(first), _mm_cvttpd_epi32(second));
-                const __m128i words = _mm_packs_epi32(values, values);
-                const std::int32_t pixel = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
-                std::memcpy(out + index, &pixel, 4);
-            }
-#endif
-            for (; index < rowValues; ++index) {
-                // The nudge keeps a value that is whole in exact arithmetic (a flat area, a weight
-                // of exactly 0.25) from truncating one lower through rounding noise. Values stay
-                // within a little of [0, 255] (the edge extrapolation), so the conversion is safe
-                // before the clamp.
-                const int value = static_cast<int>(top[index] * (1 - fy) + bottom[index] * fy + 1e-7);
-                out[index] = static_cast<std::uint8_t>(value < 0 ? 0 : value > 255 ? 255 : value);
-            }
+            mixRowsToBytes(upper.data(), lower.data(), row.weight, 1e-7, to + static_cast<std::size_t>(y) * rowValues, rowValues);
         }
     };
     const int threads = std::min(mirelThreadCount(), height);
@@ -263,33 +265,57 @@ void bilinearInPlace(MirelImage* image) {
     }
     for (std::int64_t x = 0; x < width; ++x) columns[static_cast<std::size_t>(x)] = gridSpan(x, block, width);
 
+    const std::size_t rowValues = static_cast<std::size_t>(width) * 4;
+
     // Grid pixels are never written, and every other pixel reads only grid pixels, so rows can
-    // be smoothed in place and in parallel.
+    // be smoothed in place and in parallel. As in the upscale, the filter is separable: each
+    // worker mixes a grid row across once (exact weights offset / span, so every value is
+    // within rounding noise of the exact one) and keeps the last two for the rows between.
     auto smoothRows = [&](int first, int end) {
+        std::vector<double> upper, lower;
+        try {
+            upper.resize(rowValues);
+            lower.resize(rowValues);
+        } catch (const std::bad_alloc&) {
+            return;  // this worker's rows keep their pixels
+        }
+        std::int64_t upperRow = -1, lowerRow = -1;
+        auto mixAcross = [&](std::int64_t gridRow, std::vector<double>& out) {
+            const std::uint8_t* row = pixels + static_cast<std::size_t>(gridRow * width * 4);
+            double* value = out.data();
+            for (const GridSpan& column : columns) {
+                const double fraction = column.weight * column.inverseSpan;
+                const std::uint8_t* left = row + static_cast<std::size_t>(column.first) * 4;
+                const std::uint8_t* right = row + static_cast<std::size_t>(column.second) * 4;
+                for (int channel = 0; channel < 4; ++channel) *value++ = left[channel] * (1 - fraction) + right[channel] * fraction;
+            }
+        };
         for (std::int64_t y = first; y < end; ++y) {
             const GridSpan row = gridSpan(y, block, height);
-            const bool gridRow = row.first == y;
-            const std::uint8_t* topRow = pixels + static_cast<std::size_t>(row.first * width * 4);
-            const std::uint8_t* bottomRow = pixels + static_cast<std::size_t>(row.second * width * 4);
-            std::uint8_t* out = pixels + static_cast<std::size_t>(y * width * 4);
-            for (std::int64_t x = 0; x < width; ++x) {
-                const GridSpan& column = columns[static_cast<std::size_t>(x)];
-                if (gridRow && column.first == x) continue;
-                // Integer weights over the denominator span × span: all sums are exact in a
-                // double. The reciprocals are off by a few units in the last place; the tiny
-                // nudge keeps an exact half from rounding down through them (true fractions are
-                // at least 1 / denominator away from a half, far more than the nudge).
-                const double w00 = (column.span - column.weight) * (row.span - row.weight);
-                const double w10 = column.weight * (row.span - row.weight);
-                const double w01 = (column.span - column.weight) * row.weight;
-                const double w11 = column.weight * row.weight;
-                const double scale = column.inverseSpan * row.inverseSpan;
-                const std::size_t left = static_cast<std::size_t>(column.first) * 4, right = static_cast<std::size_t>(column.second) * 4;
-                for (std::size_t channel = 0; channel < 4; ++channel) {
-                    const double sum = topRow[left + channel] * w00 + topRow[right + channel] * w10 +
-                                       bottomRow[left + channel] * w01 + bottomRow[right + channel] * w11;
-                    out[static_cast<std::size_t>(x) * 4 + channel] = static_cast<std::uint8_t>(static_cast<int>(sum * scale + 0.5 + 1e-11));
+            if (upperRow != row.first) {
+                if (lowerRow == row.first) {
+                    std::swap(upper, lower);
+                    std::swap(upperRow, lowerRow);
+                } else {
+                    mixAcross(row.first, upper);
+                    upperRow = row.first;
                 }
+            }
+            if (lowerRow != row.second) {
+                mixAcross(row.second, lower);
+                lowerRow = row.second;
+            }
+            std::uint8_t* out = pixels + static_cast<std::size_t>(y * width * 4);
+            constexpr double kRoundHalfUp = 0.5 + 1e-11;  // true fractions are at least 1 / span² from a half
+            if (row.first != y) {
+                mixRowsToBytes(upper.data(), lower.data(), row.weight * row.inverseSpan, kRoundHalfUp, out, rowValues);
+                continue;
+            }
+            // A grid row: only the pixels between its grid columns change.
+            for (std::size_t x = 0; x < columns.size(); ++x) {
+                if (columns[x].first == static_cast<std::int64_t>(x)) continue;
+                for (std::size_t channel = 0; channel < 4; ++channel)
+                    out[x * 4 + channel] = static_cast<std::uint8_t>(static_cast<int>(upper[x * 4 + channel] + kRoundHalfUp));
             }
         }
     };
