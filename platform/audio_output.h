@@ -22,6 +22,10 @@ bool wm_has_mixer();
 AudioHandle OpenPCMTrack(const std::int16_t* samples, std::uint64_t sampleCount, std::uint32_t sampleRate,
                          std::uint16_t channels);
 
+// Decodes an MP3 file and opens its sound as a handle (mono is played on both sides). Null when
+// the file cannot be read or decoded, or this build has no MP3 decoder.
+AudioHandle OpenMP3File(const char* path);
+
 // (Re)starts playback `offsetMs` milliseconds into the track; an offset at or past the end ends
 // at once. With `loop` the track wraps to its start at the end. False when the handle is unknown
 // or the device cannot be opened.

@@ -57,3 +57,33 @@ std::uint64_t offsetForPosition(std::uint64_t startFrame, std::uint64_t framesPl
 }
 
 }  // namespace korvel::audio_output
+
+#include "platform/audio_mp3.h"
+#include "platform/audio_output.h"
+
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <vector>
+
+AudioHandle OpenMP3File(const char* path) {
+    if (!path) return nullptr;
+    try {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) return nullptr;
+        std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        std::vector<std::int16_t> samples;
+        std::uint32_t sampleRate = 0;
+        std::uint16_t channels = 0;
+        if (!korvel::audio::decodeMp3(bytes.data(), bytes.size(), samples, sampleRate, channels)) return nullptr;
+        if (channels == 1) {
+            std::vector<std::int16_t> stereo(samples.size() * 2);
+            for (std::size_t frame = 0; frame < samples.size(); ++frame) stereo[frame * 2] = stereo[frame * 2 + 1] = samples[frame];
+            samples = std::move(stereo);
+            channels = 2;
+        }
+        return OpenPCMTrack(samples.data(), samples.size(), sampleRate, channels);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
