@@ -46,9 +46,7 @@ std::int32_t readSigned24(const std::uint8_t* p) {
 
 double clampUnit(double value) {
     if (value != value) return 0.0;  // NaN carries no level; silence is the least surprising reading
-    if (value < -1.0) return -1.0;
-    if (value > 1.0) return 1.0;
-    return value;
+    return value < -1.0 ? -1.0 : value > 1.0 ? 1.0 : value;
 }
 
 template <SampleKind Kind>
@@ -61,23 +59,40 @@ double readValue(const std::uint8_t* p) {
     if constexpr (Kind == SampleKind::Float64) return clampUnit(std::bit_cast<double>(readU64(p)));
 }
 
-// Rounds to nearest, halves away from zero, for |x| < 2^31. The difference between x and its
-// truncation is exact in double arithmetic, so the half test has no rounding error of its own.
-int roundHalfAwayFromZero(double x) {
-    int whole = static_cast<int>(x);
-    double rest = x - whole;
-    if (rest >= 0.5) return whole + 1;
-    if (rest <= -0.5) return whole - 1;
-    return whole;
+// The 16-bit rule: -1 and +1 map to the two ends of the range, so negative values scale by 32768
+// and the others by 32767, and the product is rounded to nearest with halves away from zero.
+// It is applied to the magnitude and the sign put back afterwards, so only one rounding
+// direction is needed: adding the double just below one half (0.5 − 2^−54) and truncating
+// rounds halves up and everything else to nearest, exactly, for any magnitude below 2^52.
+// (Adding 0.5 itself would round 0.5 − 2^−54 up to 1.) Everything is arithmetic or a select:
+// the signs of real sound are a coin toss for a branch predictor.
+constexpr double kJustBelowHalf = 0x1.fffffffffffffp-2;
+constexpr double kScaleBySign[2] = {32767.0, 32768.0};
+
+std::int16_t sampleFromMagnitude(double magnitude, std::uint32_t negative) {
+    const int whole = static_cast<int>(magnitude * kScaleBySign[negative] + kJustBelowHalf);
+    const int sign = -static_cast<int>(negative);  // 0 or all ones
+    return static_cast<std::int16_t>((whole ^ sign) - sign);
 }
 
-// The 16-bit rule: -1 and +1 map to the two ends of the range, so negative values scale by 32768
-// and the others by 32767.
+// Any double: NaN reads as silence and values beyond ±1 as ±1. On the bit pattern, as IEEE
+// magnitudes order like their bits.
 std::int16_t sampleFromValue(double value) {
-    if (value <= -1.0) return -32768;
-    if (value >= 1.0) return 32767;
-    double scaled = value < 0 ? value * 32768.0 : value * 32767.0;
-    return static_cast<std::int16_t>(roundHalfAwayFromZero(scaled));
+    constexpr std::uint64_t kOne = 0x3FF0000000000000, kInfinity = 0x7FF0000000000000;
+    const std::uint64_t bits = std::bit_cast<std::uint64_t>(value);
+    std::uint64_t magnitude = bits & ~(std::uint64_t{1} << 63);
+    magnitude = magnitude > kInfinity ? 0 : magnitude;
+    magnitude = magnitude > kOne ? kOne : magnitude;
+    return sampleFromMagnitude(std::bit_cast<double>(magnitude), static_cast<std::uint32_t>(bits >> 63));
+}
+
+// The same for a single-precision sample, widened only after clamping.
+std::int16_t sampleFromFloat(std::uint32_t bits) {
+    constexpr std::uint32_t kOne = 0x3F800000, kInfinity = 0x7F800000;
+    std::uint32_t magnitude = bits & 0x7FFFFFFF;
+    magnitude = magnitude > kInfinity ? 0 : magnitude;
+    magnitude = magnitude > kOne ? kOne : magnitude;
+    return sampleFromMagnitude(std::bit_cast<float>(magnitude), bits >> 31);
 }
 
 // sampleFromValue(readValue(p)) for every 8-bit code, taken from the double path itself so the
@@ -102,18 +117,32 @@ std::int16_t fromSigned16(std::int16_t s) {
     return static_cast<std::int16_t>(s - (s > 16384 ? 1 : 0));
 }
 
+// For an n-bit source (shift = n − 1), both sides computed and one selected, as the sign of
+// real sound is a coin toss for the branch predictor. Negative: s / 2^(n−16), halves away from
+// zero, is floor((s + 2^(n−17) − 1) / 2^(n−16)). Non-negative: floor((s × 32767 + 2^(n−2)) / 2^(n−1)).
 std::int16_t fromWideSigned(std::int64_t s, int shift) {
-    if (s < 0) return static_cast<std::int16_t>(-((-s + (std::int64_t{1} << (shift - 16))) >> (shift - 15)));
-    return static_cast<std::int16_t>((s * 32767 + (std::int64_t{1} << (shift - 1))) >> shift);
+    const std::int64_t negative = (s + (std::int64_t{1} << (shift - 16)) - 1) >> (shift - 15);
+    const std::int64_t positive = (s * 32767 + (std::int64_t{1} << (shift - 1))) >> shift;
+    return static_cast<std::int16_t>(s < 0 ? negative : positive);
+}
+
+// The 24-bit case of fromWideSigned in 32-bit arithmetic. With s = 256a + b (0 <= b < 256),
+// s × 32767 = a × 2^23 + b × 2^15 − s, so the non-negative result is a plus the floor of the
+// small remainder term over 2^23; every intermediate fits in 32 bits.
+std::int16_t fromSigned24(std::int32_t s) {
+    const std::int32_t negative = (s + 127) >> 8;
+    const std::int32_t positive = (s >> 8) + ((((s & 255) << 15) + (1 << 22) - s) >> 23);
+    return static_cast<std::int16_t>(s < 0 ? negative : positive);
 }
 
 template <SampleKind Kind>
 std::int16_t sampleAt(const std::uint8_t* p) {
     if constexpr (Kind == SampleKind::Unsigned8) return unsigned8Table()[p[0]];
     if constexpr (Kind == SampleKind::Signed16) return fromSigned16(static_cast<std::int16_t>(readU16(p)));
-    if constexpr (Kind == SampleKind::Signed24) return fromWideSigned(readSigned24(p), 23);
+    if constexpr (Kind == SampleKind::Signed24) return fromSigned24(readSigned24(p));
     if constexpr (Kind == SampleKind::Signed32) return fromWideSigned(static_cast<std::int32_t>(readU32(p)), 31);
-    if constexpr (Kind == SampleKind::Float32 || Kind == SampleKind::Float64) return sampleFromValue(readValue<Kind>(p));
+    if constexpr (Kind == SampleKind::Float32) return sampleFromFloat(readU32(p));
+    if constexpr (Kind == SampleKind::Float64) return sampleFromValue(std::bit_cast<double>(readU64(p)));
 }
 
 template <SampleKind Kind>
@@ -144,10 +173,9 @@ void mixToMono(const std::uint8_t* data, const Layout& layout, std::int16_t* out
     }
 }
 
-// Output stereo: channels 0 and 1, or channel 0 twice from a mono source. Other counts: channel
-// c from source channel c, or from the last source channel when the source has fewer.
+// Output channel c comes from source channel c, or from the last source channel when the source
+// has fewer. For stereo output that is channels 0 and 1, or channel 0 twice from a mono source.
 std::size_t sourceChannelFor(std::size_t channel, const Layout& layout) {
-    if (layout.outputChannels == 2 && layout.sourceChannels == 1) return 0;
     return channel < layout.sourceChannels ? channel : layout.sourceChannels - 1;
 }
 
@@ -158,8 +186,21 @@ void convert(const std::uint8_t* data, const Layout& layout, std::int16_t* out) 
     if (layout.outputChannels == layout.sourceChannels) {
         const std::size_t count = layout.frames * layout.sourceChannels;
         if constexpr (Kind == SampleKind::Signed16 && std::endian::native == std::endian::little) {
-            std::memcpy(out, data, count * sizeof(std::int16_t));
-            for (std::size_t i = 0; i < count; ++i) out[i] = fromSigned16(out[i]);
+            // One pass of plain loads the compiler turns into vector code.
+            for (std::size_t i = 0; i < count; ++i) {
+                std::int16_t sample;
+                std::memcpy(&sample, data + 2 * i, sizeof sample);
+                out[i] = fromSigned16(sample);
+            }
+        } else if constexpr (Kind == SampleKind::Signed24 && std::endian::native == std::endian::little) {
+            // A 4-byte load per sample, with the top byte shifted out, is cheaper than assembling
+            // three bytes; the last sample is read bytewise, as its fourth byte may lie past the file.
+            for (std::size_t i = 0; i + 1 < count; ++i) {
+                std::uint32_t word;
+                std::memcpy(&word, data + 3 * i, sizeof word);
+                out[i] = fromSigned24(static_cast<std::int32_t>(word << 8) >> 8);
+            }
+            out[count - 1] = sampleAt<Kind>(data + 3 * (count - 1));
         } else {
             for (std::size_t i = 0; i < count; ++i) out[i] = sampleAt<Kind>(data + i * width);
         }

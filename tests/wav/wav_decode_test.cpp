@@ -260,7 +260,16 @@ INSTANTIATE_TEST_SUITE_P(
         SampleCase{"f64 -infinity", 3, 64, float64Body({-kInfinity}), -32768},
         SampleCase{"f64 NaN is silence", 3, 64, float64Body({kNaN}), 0},
         SampleCase{"f64 just under half a step", 3, 64, float64Body({largestValueScalingBelowHalf()}), 0},
-        SampleCase{"f64 half a step", 3, 64, float64Body({0.5 / 32767}), 1}),
+        SampleCase{"f64 half a step", 3, 64, float64Body({0.5 / 32767}), 1},
+        SampleCase{"f64 negative half a step", 3, 64, float64Body({-0.5 / 32768}), -1},
+        SampleCase{"f64 just inside a negative half step", 3, 64, float64Body({std::nextafter(-0.5 / 32768, 0.0)}), 0},
+        SampleCase{"f64 2.5 steps rounds up", 3, 64, float64Body({2.5 / 32767}), 3},
+        SampleCase{"f64 -2.5 steps rounds down", 3, 64, float64Body({-2.5 / 32768}), -3},
+        SampleCase{"f64 negative zero", 3, 64, float64Body({-0.0}), 0},
+        SampleCase{"f64 negative NaN is silence", 3, 64, float64Body({-kNaN}), 0},
+        SampleCase{"f64 just under one", 3, 64, float64Body({std::nextafter(1.0, 0.0)}), 32767},
+        SampleCase{"f32 smallest subnormal", 3, 32, float32Body({std::numeric_limits<float>::denorm_min()}), 0},
+        SampleCase{"f32 -infinity", 3, 32, float32Body({-std::numeric_limits<float>::infinity()}), -32768}),
     [](const ::testing::TestParamInfo<SampleCase>& info) { return "case" + std::to_string(info.index); });
 
 TEST(WavDecode, ReadSampleAsFloatScalesByTheRangeAndIgnoresUnknownLayouts) {
