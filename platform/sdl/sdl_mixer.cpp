@@ -11,6 +11,7 @@
 #include <SDL.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -154,16 +155,21 @@ private:
     std::vector<std::int32_t> m_mix;         // the callback's sum, allocated when the device opens
 };
 
-// The device and the registry, torn down in that order's reverse: players stop (and leave the
-// mixer) before the device closes.
 struct MixerState {
     SdlMixer mixer;
     PlayerRegistry<SdlAudioPlayer> registry;
 };
 
+// The device and the registry live until the process ends and are never destroyed: objects
+// destroyed at exit (a host's tracks, say) may still close their handles, and then find an
+// empty registry rather than a destroyed one. At exit every player stops and the device closes.
 MixerState& state() {
-    static MixerState instance;
-    return instance;
+    static MixerState* instance = [] {
+        auto* created = new MixerState;
+        std::atexit([] { wm_shutdownMixer(); });
+        return created;
+    }();
+    return *instance;
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -34,6 +35,7 @@ struct WindowsAudioPlayer {
     std::unique_ptr<std::int16_t[]> block;  // kBlockBytes shared by the four headers
     std::atomic<std::uint64_t> position{0};  // next frame to feed
     std::uint64_t startFrame = 0;
+    std::uint64_t playedAtStop = 0;  // frames the device had played when playback last stopped
     std::atomic<bool> stopRequest{false};
     std::thread feeder;
 
@@ -53,6 +55,7 @@ struct WindowsAudioPlayer {
             feeder.join();
         }
         if (device) {
+            playedAtStop = devicePosition();
             waveOutReset(device);  // returns every queued buffer, so they can be unprepared
             for (WAVEHDR& header : headers) {
                 if (header.dwFlags & WHDR_PREPARED) waveOutUnprepareHeader(device, &header, sizeof header);
@@ -97,6 +100,7 @@ struct WindowsAudioPlayer {
         stop();
         if (samples.empty() || sampleRate == 0) return false;
         startFrame = startFrameForOffset(offsetMs, sampleRate, frameCount());
+        playedAtStop = 0;
         loop = loopPlayback;
         publishPosition(position, startFrame);
 
@@ -134,23 +138,33 @@ struct WindowsAudioPlayer {
         return true;
     }
 
-    std::uint64_t currentOffset() {
-        if (!device) return offsetForPosition(startFrame, 0, frameCount(), sampleRate, loop);
+    // Frames the open device has played since it was opened.
+    std::uint64_t devicePosition() {
         MMTIME time{};
         time.wType = TIME_SAMPLES;
-        std::uint64_t played = 0;
-        if (waveOutGetPosition(device, &time, sizeof time) == MMSYSERR_NOERROR) {
-            // The device may answer in another unit than the one asked for.
-            if (time.wType == TIME_SAMPLES) played = time.u.sample;
-            else if (time.wType == TIME_BYTES) played = time.u.cb / 4;
-        }
+        if (waveOutGetPosition(device, &time, sizeof time) != MMSYSERR_NOERROR) return 0;
+        // The device may answer in another unit than the one asked for.
+        if (time.wType == TIME_SAMPLES) return time.u.sample;
+        if (time.wType == TIME_BYTES) return time.u.cb / 4;
+        return 0;
+    }
+
+    // A stopped player reports where it stopped.
+    std::uint64_t currentOffset() {
+        const std::uint64_t played = device ? devicePosition() : playedAtStop;
         return offsetForPosition(startFrame, played, frameCount(), sampleRate, loop);
     }
 };
 
+// Never destroyed: objects destroyed at exit may still close their handles and then find an
+// empty registry rather than a destroyed one. At exit every player stops.
 PlayerRegistry<WindowsAudioPlayer>& registry() {
-    static PlayerRegistry<WindowsAudioPlayer> players;
-    return players;
+    static PlayerRegistry<WindowsAudioPlayer>* players = [] {
+        auto* created = new PlayerRegistry<WindowsAudioPlayer>;
+        std::atexit([] { wm_shutdownMixer(); });
+        return created;
+    }();
+    return *players;
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <cmath>
 #include <fstream>
 
+// Constructed before main, so destroyed after the output layer's exit clean-up has run.
+std::unique_ptr<korvel::audio::Track> trackKeptUntilExit;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -93,6 +96,15 @@ TEST_F(Tracks, RebuildingTheHandleStopsAPlayingTrack) {
     track->channels = 1;
     audio::rebuildMixerHandle(track.get());
     EXPECT_EQ(track->mixerHandle, nullptr);
+}
+
+// Regression: a track that outlives the output layer's clean-up at exit (a host's global list
+// of tracks, say) closes its handle safely when it is finally destroyed; ctest runs this test
+// as a process of its own, so its exit is checked too (under the sanitizers).
+TEST_F(Tracks, PlayingTrackDestroyedAfterExitCleanUpIsSafe) {
+    trackKeptUntilExit = audio::openFile(writeWav("kept.wav", numberedTrack(44100), 2));
+    ASSERT_NE(trackKeptUntilExit, nullptr);
+    EXPECT_TRUE(audio::play(trackKeptUntilExit.get(), 0, true));
 }
 
 TEST_F(Tracks, InspectRefusesEmptyTracksWithAZeroedView) {

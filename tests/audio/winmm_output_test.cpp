@@ -137,6 +137,7 @@ int main(int argc, char** argv) {
         if (!waitForOffset(handle, 50)) return fail(mode, "playback did not start");
         Stop(handle);
         const std::uint64_t stoppedAt = GetCurrentOffset(handle);
+        if (stoppedAt < 50) return fail(mode, "a stopped player forgot its position: " + std::to_string(stoppedAt));
         std::this_thread::sleep_for(200ms);
         if (GetCurrentOffset(handle) != stoppedAt) return fail(mode, "the position moved after Stop");
         const Samples recorded = readRecording(recording);
