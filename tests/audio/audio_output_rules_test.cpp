@@ -23,11 +23,6 @@ Buffer poisonedBuffer() {
     return buffer;
 }
 
-TEST(AudioBufferSizes, FourBuffersOfTwoThousandFramesInOneBlock) {
-    EXPECT_EQ(kBufferBytes, 8192u);
-    EXPECT_EQ(kBlockBytes, 32768u);
-}
-
 struct FillCase {
     const char* name;
     std::uint64_t trackFrames;

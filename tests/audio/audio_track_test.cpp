@@ -121,17 +121,6 @@ TEST_F(Tracks, InspectRefusesEmptyTracksWithAZeroedView) {
     EXPECT_FALSE(audio::inspect(nullptr, &view));
 }
 
-TEST_F(Tracks, NullTracksAreIgnored) {
-    EXPECT_FALSE(audio::play(nullptr, 0, false));
-    EXPECT_EQ(audio::currentOffset(nullptr), 0u);
-    EXPECT_FALSE(audio::save(nullptr, (m_directory / "x.wav").string()));
-    audio::pause(nullptr);
-    audio::rebuildMixerHandle(nullptr);
-    audio::destroyMixerHandle(nullptr);
-    audio::close(nullptr);
-    EXPECT_FALSE(std::filesystem::exists(m_directory / "x.wav"));
-}
-
 TEST_F(Tracks, SavedTrackReopensIdentical) {
     const Samples samples = numberedTrack(3000);
     std::unique_ptr<audio::Track> track = audio::openFile(writeWav("source.wav", samples, 2, 32000));
