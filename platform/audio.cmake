@@ -1,11 +1,12 @@
 # Sound: the audio output layer (platform/audio_output.h: the platform-free buffer and position
-# rules plus one backend, WinMM on Windows and SDL2 elsewhere), MP3 decoding (libmpg123 where
-# pkg-config finds it), and the tracks of platform/audio_track.h on top of the WAV codec.
+# rules plus one backend, WinMM on Windows and SDL2 elsewhere), MP3 decoding (ACM on Windows,
+# libmpg123 elsewhere where pkg-config finds it), and the tracks of platform/audio_track.h on top of the WAV codec.
 find_package(Threads REQUIRED)
 find_package(PkgConfig QUIET)
 add_library(korvel_audio_output STATIC
   ${CMAKE_CURRENT_LIST_DIR}/audio_output_common.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/audio_mp3_common.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/audio_mp3_common.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/audio_mp3_frames.cpp)
 target_include_directories(korvel_audio_output PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(korvel_audio_output PUBLIC Threads::Threads)
 if(WIN32)
@@ -26,7 +27,12 @@ endif()
 if(PkgConfig_FOUND AND NOT WIN32)
   pkg_check_modules(KORVEL_MPG123 QUIET IMPORTED_TARGET libmpg123)
 endif()
-if(KORVEL_MPG123_FOUND)
+if(WIN32)
+  # The system's MP3 codec through the Audio Compression Manager.
+  target_sources(korvel_audio_output PRIVATE ${CMAKE_CURRENT_LIST_DIR}/windows/windows_mp3.cpp)
+  target_link_libraries(korvel_audio_output PUBLIC msacm32)
+  set(KORVEL_HAVE_MP3 ON CACHE INTERNAL "")
+elseif(KORVEL_MPG123_FOUND)
   target_sources(korvel_audio_output PRIVATE ${CMAKE_CURRENT_LIST_DIR}/audio_mp3_mpg123.cpp)
   target_link_libraries(korvel_audio_output PRIVATE PkgConfig::KORVEL_MPG123)
   set(KORVEL_HAVE_MP3 ON CACHE INTERNAL "")

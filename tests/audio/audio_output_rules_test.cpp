@@ -165,3 +165,64 @@ TEST(AudioMixer, SumsSaturateInsteadOfWrapping) {
 }
 
 }  // namespace
+
+// Layer III frame headers, as the Windows MP3 decoder reads them to describe a stream to ACM.
+#include "platform/audio_mp3_frames.h"
+
+namespace {
+
+struct HeaderCase {
+    const char* name;
+    std::uint8_t bytes[4];
+    bool valid;
+    std::uint32_t rate, channels, bitrate, frameBytes;
+};
+
+TEST(Mp3FrameHeaders, RatesBitratesAndFrameLengths) {
+    const HeaderCase cases[] = {
+        {"MPEG-1 128k 44.1k joint stereo", {0xFF, 0xFB, 0x90, 0x40}, true, 44100, 2, 128000, 417},
+        {"same, padded", {0xFF, 0xFB, 0x92, 0x40}, true, 44100, 2, 128000, 418},
+        {"MPEG-1 320k 48k mono", {0xFF, 0xFB, 0xE4, 0xC0}, true, 48000, 1, 320000, 960},
+        {"MPEG-2 64k 22.05k mono", {0xFF, 0xF3, 0x80, 0xC0}, true, 22050, 1, 64000, 208},
+        {"MPEG-2.5 8k 8k stereo", {0xFF, 0xE3, 0x18, 0x00}, true, 8000, 2, 8000, 72},
+        {"Layer II", {0xFF, 0xFD, 0x90, 0x40}, false, 0, 0, 0, 0},
+        {"free format", {0xFF, 0xFB, 0x00, 0x40}, false, 0, 0, 0, 0},
+        {"bad bit rate", {0xFF, 0xFB, 0xF0, 0x40}, false, 0, 0, 0, 0},
+        {"reserved rate", {0xFF, 0xFB, 0x9C, 0x40}, false, 0, 0, 0, 0},
+        {"reserved version", {0xFF, 0xEB, 0x90, 0x40}, false, 0, 0, 0, 0},
+        {"no sync", {0xFF, 0x1B, 0x90, 0x40}, false, 0, 0, 0, 0},
+    };
+    for (const HeaderCase& test : cases) {
+        korvel::audio::Mp3FrameHeader header;
+        ASSERT_EQ(korvel::audio::parseMp3FrameHeader(test.bytes, 4, &header), test.valid) << test.name;
+        if (!test.valid) continue;
+        EXPECT_EQ(header.sampleRate, test.rate) << test.name;
+        EXPECT_EQ(header.channels, test.channels) << test.name;
+        EXPECT_EQ(header.bitrate, test.bitrate) << test.name;
+        EXPECT_EQ(header.frameBytes, test.frameBytes) << test.name;
+    }
+}
+
+// The first frame is the first header confirmed by a second one where the first frame ends:
+// a lone sync pattern in a tag or junk is not taken.
+TEST(Mp3FrameHeaders, FirstFrameSkipsTagsAndUnconfirmedHeaders) {
+    // Byte by byte: GCC 12 at -O3 misreports range inserts into a vector as overflows.
+    std::vector<std::uint8_t> stream;
+    auto append = [&](std::initializer_list<std::uint8_t> bytes) {
+        for (std::uint8_t byte : bytes) stream.push_back(byte);
+    };
+    append({'I', 'D', '3', 4, 0, 0, 0, 0, 0, 5, 0xFF, 0xFB, 0x90, 0x40, 0});  // a tag of 5 bytes
+    append({0xFF, 0xFB, 0x90, 0x40, 0, 0, 0});  // a header nothing confirms
+    const std::size_t first = stream.size();
+    for (int frame = 0; frame < 2; ++frame) {
+        append({0xFF, 0xFB, 0x90, 0x40});
+        stream.resize(stream.size() + 413, 0);
+    }
+    korvel::audio::Mp3FrameHeader header;
+    EXPECT_EQ(korvel::audio::findFirstMp3Frame(stream.data(), stream.size(), &header), first);
+    EXPECT_EQ(header.sampleRate, 44100u);
+    const std::vector<std::uint8_t> junk(5000, 0xFF);
+    EXPECT_EQ(korvel::audio::findFirstMp3Frame(junk.data(), junk.size(), &header), junk.size());
+}
+
+}  // namespace

@@ -38,6 +38,19 @@ for mode in play offset loop stop handles; do
   ALSA_CONFIG_PATH="$work/asound-$mode.conf" $wine "$exe" "$mode" "Z:$work/$mode.raw" > "$work/$mode.log" 2>&1 || true
   check "$mode" "$work/$mode.log"
 done
+# MP3 through the system's codec: a one-second tone that lame encodes, stereo and mono.
+if command -v sox >/dev/null && command -v lame >/dev/null; then
+  sox -n -r 44100 -c 2 -b 16 "$work/tone.wav" synth 1 sine 440 vol 0.25
+  for channels in 2 1; do
+    lame --quiet -m $([ $channels = 2 ] && echo s || echo m) -b 128 "$work/tone.wav" "$work/tone-$channels.mp3"
+    printf '</usr/share/alsa/alsa.conf>\npcm.!default { type file slave.pcm "null" file "%s" format "raw" }\n' \
+      "$work/mp3.raw" > "$work/asound-mp3.conf"
+    ALSA_CONFIG_PATH="$work/asound-mp3.conf" $wine "$exe" mp3 "Z:$work/tone-$channels.mp3" $channels > "$work/mp3-$channels.log" 2>&1 || true
+    check mp3 "$work/mp3-$channels.log"
+  done
+else
+  echo "SKIP mp3: sox and lame make the test files (tools/install-deps.sh installs them)"
+fi
 # No device: wine's default configuration here has no sound card.
 printf '</usr/share/alsa/alsa.conf>\npcm.!default { type hw card 99 }\n' > "$work/asound-none.conf"
 ALSA_CONFIG_PATH="$work/asound-none.conf" $wine "$exe" nodevice > "$work/nodevice.log" 2>&1 || true
