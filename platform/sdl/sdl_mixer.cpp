@@ -9,6 +9,7 @@
 #include "platform/sdl/sdl_mixer_internal.h"
 
 #include <SDL.h>
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -72,6 +73,27 @@ MixerStatistics& mixerStatistics() {
 
 namespace {
 
+// ALSA's library reports every failed lookup of a sound card on standard error ("ALSA lib
+// confmisc.c:855: cannot find card '0'" and a dozen more lines), which on a machine without
+// sound would print at every start. Output below the bindings is silent, so before SDL loads
+// ALSA the library is loaded here, kept loaded (SDL then shares it) and given a handler that
+// drops its reports. Without ALSA this does nothing.
+extern "C" void dropAlsaReport(const char*, int, const char*, int, const char*, ...) {}
+
+void quietenAlsa() {
+    static const bool done = [] {
+        void* library = dlopen("libasound.so.2", RTLD_NOW | RTLD_GLOBAL);
+        if (!library) return false;
+        using Handler = void (*)(const char*, int, const char*, int, const char*, ...);
+        using SetHandler = int (*)(Handler);
+        if (auto setHandler = reinterpret_cast<SetHandler>(dlsym(library, "snd_lib_error_set_handler"))) {
+            setHandler(&dropAlsaReport);
+        }
+        return true;  // the library stays loaded for the life of the process
+    }();
+    (void)done;
+}
+
 constexpr int kDeviceRate = 44100;
 constexpr Uint16 kDeviceFrames = 256;  // the mixing period: 5.8 ms at 44,100 Hz
 
@@ -83,6 +105,7 @@ public:
     bool open() {
         std::lock_guard lock(m_mutex);
         if (m_device != 0) return true;
+        quietenAlsa();
         if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) return false;
         SDL_AudioSpec wanted{};
         wanted.freq = kDeviceRate;

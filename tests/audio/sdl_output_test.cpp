@@ -234,3 +234,20 @@ TEST(AudioHandles, NoDriverMeansNoMixerAndNoMessage) {
 }
 
 }  // namespace
+
+namespace {
+
+// Regression: on a machine without a sound card, SDL's ALSA driver used to leave a dozen lines
+// of ALSA's own reports on standard error at every start.
+TEST(AudioHandles, MissingSoundCardIsSilentOnStandardError) {
+    wm_shutdownMixer();
+    setenv("SDL_AUDIODRIVER", "alsa", 1);
+    ::testing::internal::CaptureStderr();
+    const bool hasMixer = wm_has_mixer();
+    wm_shutdownMixer();
+    const std::string printed = ::testing::internal::GetCapturedStderr();
+    if (hasMixer) GTEST_SKIP() << "this machine has an ALSA sound device";
+    EXPECT_EQ(printed, "");
+}
+
+}  // namespace
