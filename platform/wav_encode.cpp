@@ -28,14 +28,15 @@ void writeIdentifier(std::vector<std::uint8_t>& out, const char* identifier) { o
 // align, 16 bits, "data", data size; then the samples, little-endian.
 bool encode(const DecodedFile& file, std::vector<std::uint8_t>* out) {
     if (!out || file.samples.empty() || file.channels == 0 || file.samples.size() % file.channels != 0) return false;
-    // The header's size fields are 32-bit: refuse what cannot be described rather than write a
-    // file whose sizes have wrapped.
+    // The RIFF and data sizes are 32-bit fields: a sound too long for them cannot be described,
+    // and a file with wrapped sizes would be unreadable, so it is refused. The byte rate and
+    // block align are only derived figures (readers recompute them from the other fields), and
+    // are written truncated to their fields, so that every sound decode accepts can be saved.
     constexpr std::uint64_t kMaxField = std::numeric_limits<std::uint32_t>::max();
     const std::uint64_t dataSize = static_cast<std::uint64_t>(file.samples.size()) * 2;
-    const std::uint64_t byteRate = static_cast<std::uint64_t>(file.sampleRate) * file.channels * 2;
-    const std::uint64_t blockAlign = static_cast<std::uint64_t>(file.channels) * 2;
-    if (dataSize > kMaxField - 36 || byteRate > kMaxField || blockAlign > std::numeric_limits<std::uint16_t>::max())
-        return false;
+    if (dataSize > kMaxField - 36) return false;
+    const std::uint32_t byteRate = file.sampleRate * file.channels * 2u;
+    const std::uint16_t blockAlign = static_cast<std::uint16_t>(file.channels * 2u);
 
     std::vector<std::uint8_t> bytes;
     try {
@@ -53,8 +54,8 @@ bool encode(const DecodedFile& file, std::vector<std::uint8_t>* out) {
     writeU16LE(bytes, 1);
     writeU16LE(bytes, file.channels);
     writeU32LE(bytes, file.sampleRate);
-    writeU32LE(bytes, static_cast<std::uint32_t>(byteRate));
-    writeU16LE(bytes, static_cast<std::uint16_t>(blockAlign));
+    writeU32LE(bytes, byteRate);
+    writeU16LE(bytes, blockAlign);
     writeU16LE(bytes, 16);
     writeIdentifier(bytes, "data");
     writeU32LE(bytes, static_cast<std::uint32_t>(dataSize));

@@ -164,7 +164,8 @@ double timeLibsndfile(const std::vector<std::uint8_t>& bytes, std::uint64_t& che
 
 void measure(const char* name, const std::vector<std::uint8_t>& bytes, int runs) {
     std::vector<double> codec, peer;
-    std::uint64_t codecSum = 0, peerSum = 0;
+    std::uint64_t codecSum = 0;
+    [[maybe_unused]] std::uint64_t peerSum = 0;
     for (int run = 0; run < runs; ++run) {
         codec.push_back(timeCodec(bytes, codecSum));
 #if defined(KORVEL_HAVE_SNDFILE)
