@@ -32,7 +32,7 @@ protected:
     // Waits until a non-looping track reports its end, then a little longer so the last buffer
     // leaves the device, and returns everything the device wrote.
     Samples playToEnd(AudioHandle handle, std::uint64_t lengthMs) {
-        EXPECT_TRUE(waitFor([&] { return GetCurrentOffset(handle) >= lengthMs; }, 5s)) << GetCurrentOffset(handle);
+        EXPECT_TRUE(waitFor([&] { return GetCurrentOffset(handle) >= lengthMs; }, 10s)) << GetCurrentOffset(handle);
         std::this_thread::sleep_for(60ms);
         return finishDiskOutput(m_outputPath);
     }
@@ -81,8 +81,19 @@ TEST_F(SdlOutput, OffsetPastTheEndPlaysNothingAndEndsAtOnce) {
 TEST_F(SdlOutput, ShortLoopWrapsWithoutGaps) {
     const Samples track = numberedTrack(1000);
     AudioHandle handle = open(track);
+    // Counted in rounds of the loop, not in wall time: a loaded machine starts the feeder late.
+    // A missed round only makes the wait longer.
     ASSERT_TRUE(Play(handle, 0, true));
-    std::this_thread::sleep_for(250ms);
+    int rounds = 0;
+    std::uint64_t previous = 0;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const std::uint64_t now = GetCurrentOffset(handle);
+            if (now < previous) ++rounds;
+            previous = now;
+            return rounds >= 7;
+        },
+        10s));
     const std::uint64_t offset = GetCurrentOffset(handle);
     EXPECT_LT(offset, 1000u * 1000 / kRate + 1) << "a looping offset stays within the track";
     Stop(handle);
@@ -103,10 +114,10 @@ TEST_F(SdlOutput, StopEndsTheSoundAtOnce) {
     const Samples track = numberedTrack(3 * kRate);
     AudioHandle handle = open(track);
     ASSERT_TRUE(Play(handle, 0, false));
-    std::this_thread::sleep_for(150ms);
+    ASSERT_TRUE(waitFor([&] { return GetCurrentOffset(handle) >= 100; }, 10s));
     Stop(handle);
     const std::uint64_t stoppedAt = GetCurrentOffset(handle);
-    EXPECT_GT(stoppedAt, 50u) << "a stopped player reports where it stopped";
+    EXPECT_GE(stoppedAt, 100u) << "a stopped player reports where it stopped";
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(GetCurrentOffset(handle), stoppedAt) << "the position moved after Stop";
     const Samples output = finishDiskOutput(m_outputPath);
@@ -117,21 +128,21 @@ TEST_F(SdlOutput, StopEndsTheSoundAtOnce) {
         ++frame;
     }
     EXPECT_GT(frame - start, 0u);
-    EXPECT_LT(frame - start, kRate / 2) << "more than half a second played after a 150 ms Stop";
+    EXPECT_LT(frame - start, kRate / 2) << "more than half a second played for a Stop after about 100 ms";
     EXPECT_TRUE(isSilentFrom(output, frame));
 }
 
 TEST_F(SdlOutput, TwoTracksPlayMixedAndSaturate) {
-    const Samples first = constantTrack(13230, 1000, -1000);
-    const Samples second = constantTrack(13230, 2000, 500);
-    const Samples loud = constantTrack(13230, 30000, -30000);
+    const Samples first = constantTrack(22050, 1000, -1000);  // 500 ms each
+    const Samples second = constantTrack(22050, 2000, 500);
+    const Samples loud = constantTrack(22050, 30000, -30000);
     AudioHandle a = open(first), b = open(second), c = open(loud), d = open(loud);
     ASSERT_TRUE(Play(a, 0, false));
     ASSERT_TRUE(Play(b, 0, false));
-    ASSERT_TRUE(waitFor([&] { return GetCurrentOffset(a) >= 300 && GetCurrentOffset(b) >= 300; }, 5s));
+    ASSERT_TRUE(waitFor([&] { return GetCurrentOffset(a) >= 500 && GetCurrentOffset(b) >= 500; }, 10s));
     ASSERT_TRUE(Play(c, 0, false));
     ASSERT_TRUE(Play(d, 0, false));
-    const Samples output = playToEnd(d, 300);
+    const Samples output = playToEnd(d, 500);
     auto framesEqualTo = [&](std::int16_t left, std::int16_t right) {
         std::size_t count = 0;
         for (std::size_t index = 0; index + 1 < output.size(); index += 2) {
@@ -139,9 +150,10 @@ TEST_F(SdlOutput, TwoTracksPlayMixedAndSaturate) {
         }
         return count;
     };
-    // Both tracks start within a few device periods of each other; most of their overlap is mixed.
-    EXPECT_GT(framesEqualTo(3000, -500), 8000u);
-    EXPECT_GT(framesEqualTo(32767, -32768), 8000u);
+    // Both tracks start within a few device periods of each other, or some tens of milliseconds
+    // on a loaded machine: at least a fifth of their length is mixed.
+    EXPECT_GT(framesEqualTo(3000, -500), 4410u);
+    EXPECT_GT(framesEqualTo(32767, -32768), 4410u);
 }
 
 TEST_F(SdlOutput, OffsetAdvancesAndStaysWithinTheTrack) {
@@ -149,8 +161,8 @@ TEST_F(SdlOutput, OffsetAdvancesAndStaysWithinTheTrack) {
     AudioHandle handle = open(track);
     ASSERT_TRUE(Play(handle, 0, false));
     std::vector<std::uint64_t> offsets;
-    const auto end = std::chrono::steady_clock::now() + 900ms;
-    while (std::chrono::steady_clock::now() < end) {
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < end && (offsets.empty() || offsets.back() < 500)) {
         offsets.push_back(GetCurrentOffset(handle));
         std::this_thread::sleep_for(20ms);
     }
