@@ -2,7 +2,7 @@
 // scripts. Tracks reach scripts as pointer values; every binding that takes one looks it up in
 // the registry of live tracks first, so a freed or foreign pointer is an error, never a crash.
 // The synthesis and analysis functions of the module live elsewhere.
-#include "host/bindings.h"
+#include "host/audio_module.h"
 
 #include "core/korvel_script.h"
 #include "platform/audio_track.h"
@@ -14,8 +14,6 @@
 #include <unordered_map>
 
 namespace quillfen {
-
-std::vector<ModuleEntry> audioModuleEntries();
 
 namespace {
 

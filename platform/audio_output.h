@@ -13,7 +13,8 @@
 struct AudioPlayerHandle;
 using AudioHandle = AudioPlayerHandle*;
 
-// True when sound can be played here (a device exists and opens).
+// True when sound output exists here. On Windows: a wave-output device exists. With SDL: always
+// (the device opens at the first Play, which reports whether it could).
 bool wm_has_mixer();
 
 // Copies `sampleCount` interleaved samples into a new player and returns its handle. Null when

@@ -1,14 +1,10 @@
 // The Audio module as scripts see it: its table, argument checks and their messages, the
 // registry of live tracks, and open/play/pause/save/free/clear run from a script.
-#include "host/bindings.h"
+#include "host/audio_module.h"
 #include "platform/wav.h"
 #include "audio_test_support.h"
 
 #include <gtest/gtest.h>
-
-namespace quillfen {
-std::vector<ModuleEntry> audioModuleEntries();
-}
 
 namespace {
 
