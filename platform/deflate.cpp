@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t kWindowSize = 32768;
 constexpr std::size_t kMinMatch = 3;
 constexpr std::size_t kMaxMatch = 258;
-constexpr int kHashBits = 15;
+constexpr int kLargestHashBits = 15;
 constexpr int kMaxChainSteps = 48;
 constexpr std::size_t kGoodEnoughMatch = 64;     // stop searching the chain at a match this long
 constexpr std::size_t kSymbolsPerBlock = 1 << 16;  // large enough to pay for a dynamic header
@@ -208,19 +208,28 @@ constexpr std::array<std::uint8_t, 19> kRunExtraBits = {0, 0, 0, 0, 0, 0, 0, 0, 
 class Deflater {
 public:
     Deflater(const std::uint8_t* data, std::size_t size, std::vector<std::uint8_t>& out)
-        : m_data(data), m_size(size), m_writer(out), m_head(1u << kHashBits, -1), m_previous(kWindowSize, -1) {}
+        : m_data(data), m_size(size), m_writer(out), m_hashBits(hashBitsFor(size)), m_head(std::size_t(1) << m_hashBits, -1),
+          m_previous(std::size_t(1) << m_hashBits, -1), m_previousMask((std::size_t(1) << m_hashBits) - 1) {}
 
     void run();
 
 private:
+    // Small inputs get a small hash table: clearing 32K heads for a 100-byte block would cost
+    // more than compressing it.
+    // The chain links then fit the same size: it is at least the input's size or the window's.
+    static int hashBitsFor(std::size_t size) {
+        int bits = 8;
+        while (bits < kLargestHashBits && (std::size_t(1) << bits) < size) ++bits;
+        return bits;
+    }
     std::uint32_t hashAt(std::size_t position) const {
         const std::uint32_t bytes = m_data[position] | (m_data[position + 1] << 8) | (m_data[position + 2] << 16);
-        return (bytes * 2654435761u) >> (32 - kHashBits);
+        return (bytes * 2654435761u) >> (32 - m_hashBits);
     }
     void insert(std::size_t position) {
         if (position + kMinMatch > m_size) return;
         const std::uint32_t hash = hashAt(position);
-        m_previous[position & (kWindowSize - 1)] = m_head[hash];
+        m_previous[position & m_previousMask] = m_head[hash];
         m_head[hash] = static_cast<std::int64_t>(position);
     }
     // The longest earlier match for position within the window, or a length below kMinMatch.
@@ -233,8 +242,10 @@ private:
     const std::uint8_t* m_data;
     std::size_t m_size;
     BitWriter m_writer;
+    int m_hashBits;
     std::vector<std::int64_t> m_head;
-    std::vector<std::int64_t> m_previous;
+    std::vector<std::int64_t> m_previous;  // chain links, indexed by position modulo its size
+    std::size_t m_previousMask;
     std::vector<Symbol> m_symbols;
     std::size_t m_blockStart = 0;  // first input byte of the pending block
     std::size_t m_position = 0;
@@ -261,7 +272,7 @@ std::size_t Deflater::longestMatch(std::size_t position, std::size_t& distance) 
                 if (length >= kGoodEnoughMatch || length == limit) break;
             }
         }
-        const std::int64_t next = m_previous[earlier & (kWindowSize - 1)];
+        const std::int64_t next = m_previous[earlier & m_previousMask];
         if (next >= candidate) break;  // the slot was reused by a newer position
         candidate = next;
     }
@@ -323,7 +334,9 @@ void Deflater::flushBlock(bool last) {
     std::uint64_t dynamicBits = 17 + 3 * runCodeCount + huffmanCost(literalLengths, distanceLengths);
     for (const CodeLengthRun& run : runs) dynamicBits += runLengths[run.symbol] + kRunExtraBits[run.symbol];
 
-    std::vector<std::uint8_t> fixedLiteral(286, 8), fixedDistance(30, 5);
+    // The fixed code is defined over all 288 symbols; the last two take part in the canonical
+    // numbering although no stream uses them.
+    std::vector<std::uint8_t> fixedLiteral(288, 8), fixedDistance(30, 5);
     std::fill(fixedLiteral.begin() + 144, fixedLiteral.begin() + 256, 9);
     std::fill(fixedLiteral.begin() + 256, fixedLiteral.begin() + 280, 7);
     const std::uint64_t fixedBits = 3 + huffmanCost(fixedLiteral, fixedDistance);
