@@ -30,6 +30,13 @@ ScratchDirectory::~ScratchDirectory() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
+std::string quoted(const std::filesystem::path& path) {
+    std::string text = "'";
+    text += path.string();
+    text += "'";
+    return text;
+}
+
 bool runCommand(const std::string& command, std::vector<std::uint8_t>& output) {
     output.clear();
     std::FILE* pipe = popen(command.c_str(), "r");
@@ -50,7 +57,10 @@ bool imageMagickAvailable() {
 }
 
 bool imageMagickRgba(const std::filesystem::path& file, std::vector<std::uint8_t>& rgba, const std::string& options) {
-    return runCommand("convert '" + file.string() + "' " + options + " -depth 8 rgba:- 2>/dev/null", rgba);
+    std::string command = "convert ";
+    command += quoted(file);
+    command.append(" ").append(options).append(" -depth 8 rgba:- 2>/dev/null");
+    return runCommand(command, rgba);
 }
 
 bool imageMagickConvert(const std::string& arguments) {

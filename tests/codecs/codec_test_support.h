@@ -27,6 +27,9 @@ private:
     std::filesystem::path m_path;
 };
 
+// The path in single quotes for the shell (our scratch paths hold no quotes).
+std::string quoted(const std::filesystem::path& path);
+
 // Runs a shell command; true when it exits with status 0. Its standard output goes to output.
 bool runCommand(const std::string& command, std::vector<std::uint8_t>& output);
 
