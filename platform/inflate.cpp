@@ -205,8 +205,9 @@ private:
     const char* m_error = "";
     HuffmanTable m_literals;
     HuffmanTable m_distances;
-    std::array<std::uint32_t, kLiteralTableSize> m_literalStorage{};
-    std::array<std::uint32_t, kDistanceTableSize> m_distanceStorage{};
+    // Left uninitialised: buildTable writes every entry a lookup can reach.
+    std::array<std::uint32_t, kLiteralTableSize> m_literalStorage;
+    std::array<std::uint32_t, kDistanceTableSize> m_distanceStorage;
 };
 
 // Stored block: after the 3 header bits, skip to a byte boundary, then LEN, NLEN (its
