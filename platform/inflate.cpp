@@ -142,36 +142,38 @@ std::uint64_t loadLittleEndian64(const std::uint8_t* p) {
     }
 }
 
-class Inflater {
-public:
-    Inflater(const std::uint8_t* data, std::size_t size, std::uint8_t* out, std::size_t capacity)
-        : m_input(data), m_inputEnd(data + size), m_outputStart(out), m_output(out), m_outputEnd(out + capacity) {}
+// The input side: a 64-bit buffer of bits not yet consumed, lowest first.
+struct BitReader {
+    const std::uint8_t* input;
+    const std::uint8_t* inputEnd;
+    std::uint64_t bits = 0;
+    unsigned bitCount = 0;
+    unsigned padding = 0;  // zero bytes shifted in past the end of the input
 
-    bool run(std::size_t& produced, std::string& error);
-
-private:
-    // Keeps at least 56 bits in the buffer. Past the end of the input it shifts in zero bytes
+    // Keeps at least 56 bits in the buffer. Bits above bitCount may already hold the next
+    // bytes; loading them again ORs in the same values, which is what lets the fast path load
+    // eight bytes at once without masking. Past the end of the input it shifts in zero bytes
     // and counts them; consuming any of them means the stream was truncated.
     void refill() {
-        if (m_inputEnd - m_input >= 8) {
-            m_bits |= loadLittleEndian64(m_input) << m_bitCount;
-            m_input += (63 - m_bitCount) >> 3;
-            m_bitCount |= 56;
+        if (inputEnd - input >= 8) {
+            bits |= loadLittleEndian64(input) << bitCount;
+            input += (63 - bitCount) >> 3;
+            bitCount |= 56;
             return;
         }
-        while (m_bitCount <= 56) {
+        while (bitCount <= 56) {
             std::uint64_t byte = 0;
-            if (m_input < m_inputEnd) byte = *m_input++;
-            else ++m_padding;
-            m_bits |= byte << m_bitCount;
-            m_bitCount += 8;
+            if (input < inputEnd) byte = *input++;
+            else ++padding;
+            bits |= byte << bitCount;
+            bitCount += 8;
         }
     }
-    bool overran() const { return m_padding * 8 > m_bitCount; }
-    std::uint32_t peek(unsigned count) const { return static_cast<std::uint32_t>(m_bits & ((1ull << count) - 1)); }
+    bool overran() const { return padding * 8 > bitCount; }
+    std::uint32_t peek(unsigned count) const { return static_cast<std::uint32_t>(bits & ((1ull << count) - 1)); }
     void consume(unsigned count) {
-        m_bits >>= count;
-        m_bitCount -= count;
+        bits >>= count;
+        bitCount -= count;
     }
     std::uint32_t take(unsigned count) {
         std::uint32_t value = peek(count);
@@ -179,12 +181,21 @@ private:
         return value;
     }
     std::uint32_t lookup(const HuffmanTable& table) const {
-        std::uint32_t entry = table.entries[m_bits & ((1u << table.primaryBits) - 1)];
+        std::uint32_t entry = table.entries[bits & ((1u << table.primaryBits) - 1)];
         if (entryKind(entry) == kLink)
-            entry = table.entries[entryValue(entry) + ((m_bits >> table.primaryBits) & ((1u << entryBits(entry)) - 1))];
+            entry = table.entries[entryValue(entry) + ((bits >> table.primaryBits) & ((1u << entryBits(entry)) - 1))];
         return entry;
     }
+};
 
+class Inflater {
+public:
+    Inflater(const std::uint8_t* data, std::size_t size, std::uint8_t* out, std::size_t capacity)
+        : m_in{data, data + size}, m_outputStart(out), m_output(out), m_outputEnd(out + capacity) {}
+
+    bool run(std::size_t& produced, std::string& error);
+
+private:
     bool fail(const char* message) {
         m_error = message;
         return false;
@@ -194,14 +205,10 @@ private:
     void buildFixedTables();
     bool decodeHuffmanBlock();
 
-    const std::uint8_t* m_input;
-    const std::uint8_t* m_inputEnd;
+    BitReader m_in;
     std::uint8_t* m_outputStart;
     std::uint8_t* m_output;
     std::uint8_t* m_outputEnd;
-    std::uint64_t m_bits = 0;
-    unsigned m_bitCount = 0;
-    unsigned m_padding = 0;
     const char* m_error = "";
     HuffmanTable m_literals;
     HuffmanTable m_distances;
@@ -213,23 +220,23 @@ private:
 // Stored block: after the 3 header bits, skip to a byte boundary, then LEN, NLEN (its
 // complement) and LEN raw bytes.
 bool Inflater::storedBlock() {
-    consume(m_bitCount & 7);
-    refill();
-    const std::uint32_t length = take(16);
-    const std::uint32_t complement = take(16);
-    if (overran()) return fail("truncated stored block");
+    m_in.consume(m_in.bitCount & 7);
+    m_in.refill();
+    const std::uint32_t length = m_in.take(16);
+    const std::uint32_t complement = m_in.take(16);
+    if (m_in.overran()) return fail("truncated stored block");
     if ((length ^ 0xFFFF) != complement) return fail("stored block length does not match its complement");
     // Hand the whole bytes still in the bit buffer back to the input and copy directly.
-    const unsigned bufferedBytes = m_bitCount >> 3;
-    m_input -= bufferedBytes - m_padding;
-    m_bits = 0;
-    m_bitCount = 0;
-    m_padding = 0;
-    if (static_cast<std::size_t>(m_inputEnd - m_input) < length) return fail("truncated stored block");
+    const unsigned bufferedBytes = m_in.bitCount >> 3;
+    m_in.input -= bufferedBytes - m_in.padding;
+    m_in.bits = 0;
+    m_in.bitCount = 0;
+    m_in.padding = 0;
+    if (static_cast<std::size_t>(m_in.inputEnd - m_in.input) < length) return fail("truncated stored block");
     if (static_cast<std::size_t>(m_outputEnd - m_output) < length) return fail("more data than expected");
-    std::memcpy(m_output, m_input, length);
+    std::memcpy(m_output, m_in.input, length);
     m_output += length;
-    m_input += length;
+    m_in.input += length;
     return true;
 }
 
@@ -250,15 +257,15 @@ void Inflater::buildFixedTables() {
 // kCodeLengthOrder), then HLIT+HDIST lengths coded with it, where 16 repeats the previous
 // length 3-6 times, 17 writes 3-10 zeros and 18 writes 11-138 zeros.
 bool Inflater::readDynamicTables() {
-    refill();
-    const std::uint32_t literalCount = take(5) + 257;
-    const std::uint32_t distanceCount = take(5) + 1;
-    const std::uint32_t codeLengthCount = take(4) + 4;
+    m_in.refill();
+    const std::uint32_t literalCount = m_in.take(5) + 257;
+    const std::uint32_t distanceCount = m_in.take(5) + 1;
+    const std::uint32_t codeLengthCount = m_in.take(4) + 4;
     if (literalCount > 286 || distanceCount > 30) return fail("too many codes in a dynamic block");
     std::array<std::uint8_t, 19> codeLengthLengths{};
     for (std::uint32_t index = 0; index < codeLengthCount; ++index) {
-        refill();
-        codeLengthLengths[kCodeLengthOrder[index]] = static_cast<std::uint8_t>(take(3));
+        m_in.refill();
+        codeLengthLengths[kCodeLengthOrder[index]] = static_cast<std::uint8_t>(m_in.take(3));
     }
     std::array<std::uint32_t, 1u << kCodeLengthPrimaryBits> codeLengthStorage{};
     HuffmanTable codeLengths;
@@ -269,11 +276,11 @@ bool Inflater::readDynamicTables() {
     const std::uint32_t total = literalCount + distanceCount;
     std::uint32_t index = 0;
     while (index < total) {
-        refill();
-        if (overran()) return fail("truncated dynamic block header");
-        const std::uint32_t entry = lookup(codeLengths);
+        m_in.refill();
+        if (m_in.overran()) return fail("truncated dynamic block header");
+        const std::uint32_t entry = m_in.lookup(codeLengths);
         if (entryKind(entry) == kInvalid) return fail("invalid code in a dynamic block header");
-        consume(entryBits(entry));
+        m_in.consume(entryBits(entry));
         const std::uint32_t symbol = entryValue(entry);
         if (symbol < 16) {
             lengths[index++] = static_cast<std::uint8_t>(symbol);
@@ -284,11 +291,11 @@ bool Inflater::readDynamicTables() {
         if (symbol == 16) {
             if (index == 0) return fail("length repeat with no previous length");
             value = lengths[index - 1];
-            repeat = 3 + take(2);
+            repeat = 3 + m_in.take(2);
         } else if (symbol == 17) {
-            repeat = 3 + take(3);
+            repeat = 3 + m_in.take(3);
         } else {
-            repeat = 11 + take(7);
+            repeat = 11 + m_in.take(7);
         }
         if (repeat > total - index) return fail("code lengths overrun the alphabet");
         std::fill(lengths.begin() + index, lengths.begin() + index + repeat, value);
@@ -304,56 +311,112 @@ bool Inflater::readDynamicTables() {
     return true;
 }
 
+// The hot loop works on local copies of the reader and the output pointer, so that they live
+// in registers; every exit stores them back.
 bool Inflater::decodeHuffmanBlock() {
+    BitReader in = m_in;
+    std::uint8_t* out = m_output;
+    std::uint8_t* const outEnd = m_outputEnd;
+    std::uint8_t* const outStart = m_outputStart;
+    const HuffmanTable literals = m_literals;
+    const HuffmanTable distances = m_distances;
+    const char* problem = nullptr;
     for (;;) {
         // One refill leaves at least 56 bits: enough for a literal/length code with its extra
         // bits (15 + 5) and a distance code with its extra bits (15 + 13).
-        refill();
-        std::uint32_t entry = lookup(m_literals);
-        consume(entryBits(entry));
+        in.refill();
+        std::uint32_t entry = in.lookup(literals);
+        in.consume(entryBits(entry));
         std::uint32_t kind = entryKind(entry);
         if (kind == kLiteral) {
-            if (m_output == m_outputEnd) return fail("more data than expected");
-            *m_output++ = static_cast<std::uint8_t>(entryValue(entry));
+            if (out == outEnd) {
+                problem = "more data than expected";
+                break;
+            }
+            *out++ = static_cast<std::uint8_t>(entryValue(entry));
             // Literals come in runs; a second one fits in the same refill.
-            entry = lookup(m_literals);
-            kind = entryKind(entry);
-            if (kind != kLiteral) continue;
-            consume(entryBits(entry));
-            if (m_output == m_outputEnd) return fail("more data than expected");
-            *m_output++ = static_cast<std::uint8_t>(entryValue(entry));
-            if (overran()) return fail("truncated data");
+            entry = in.lookup(literals);
+            if (entryKind(entry) != kLiteral) continue;
+            in.consume(entryBits(entry));
+            if (out == outEnd) {
+                problem = "more data than expected";
+                break;
+            }
+            *out++ = static_cast<std::uint8_t>(entryValue(entry));
+            if (in.overran()) {
+                problem = "truncated data";
+                break;
+            }
             continue;
         }
-        if (overran()) return fail("truncated data");
-        if (kind == kEndOfBlock) return true;
-        if (kind != kLength) return fail("invalid literal/length code");
-        const std::size_t length = entryValue(entry) + take(entryExtra(entry));
-        entry = lookup(m_distances);
-        if (entryKind(entry) != kDistance) return fail("invalid distance code");
-        consume(entryBits(entry));
-        const std::size_t distance = entryValue(entry) + take(entryExtra(entry));
-        if (overran()) return fail("truncated data");
-        if (distance > static_cast<std::size_t>(m_output - m_outputStart)) return fail("distance reaches before the start");
-        const std::size_t room = static_cast<std::size_t>(m_outputEnd - m_output);
-        if (length > room) return fail("more data than expected");
-        const std::uint8_t* source = m_output - distance;
-        std::uint8_t* const end = m_output + length;
-        if (distance >= 8 && room >= length + 8) {
+        if (in.overran()) {
+            problem = "truncated data";
+            break;
+        }
+        if (kind == kEndOfBlock) break;
+        if (kind != kLength) {
+            problem = "invalid literal/length code";
+            break;
+        }
+        const std::size_t length = entryValue(entry) + in.take(entryExtra(entry));
+        entry = in.lookup(distances);
+        if (entryKind(entry) != kDistance) {
+            problem = "invalid distance code";
+            break;
+        }
+        in.consume(entryBits(entry));
+        const std::size_t distance = entryValue(entry) + in.take(entryExtra(entry));
+        if (in.overran()) {
+            problem = "truncated data";
+            break;
+        }
+        if (distance > static_cast<std::size_t>(out - outStart)) {
+            problem = "distance reaches before the start";
+            break;
+        }
+        const std::size_t room = static_cast<std::size_t>(outEnd - out);
+        if (length > room) {
+            problem = "more data than expected";
+            break;
+        }
+        const std::uint8_t* source = out - distance;
+        std::uint8_t* const end = out + length;
+        if (room >= length + 8) {
             // Word copies may write up to 7 bytes past the match; the room check keeps them
             // inside the buffer, and later output overwrites them.
-            do {
-                std::memcpy(m_output, source, 8);
-                m_output += 8;
-                source += 8;
-            } while (m_output < end);
-        } else if (distance == 1) {
-            std::memset(m_output, *source, length);
+            if (distance >= 8) {
+                do {
+                    std::memcpy(out, source, 8);
+                    out += 8;
+                    source += 8;
+                } while (out < end);
+            } else if (distance == 1) {
+                std::uint64_t pattern = 0x0101010101010101ull * *source;
+                do {
+                    std::memcpy(out, &pattern, 8);
+                    out += 8;
+                } while (out < end);
+            } else {
+                // Short distances (pixels of 2 to 7 bytes): the output repeats with every
+                // multiple of the distance too, so after a few single bytes it can be copied in
+                // words from a multiple that is at least 8 back.
+                const std::size_t stride = distance * ((8 + distance - 1) / distance);
+                std::uint8_t* target = out;
+                while (target < end && target < out + (stride - distance)) {
+                    *target = *(target - distance);
+                    ++target;
+                }
+                for (; target < end; target += 8) std::memcpy(target, target - stride, 8);
+            }
         } else {
-            for (std::uint8_t* target = m_output; target < end;) *target++ = *source++;
+            while (out < end) *out++ = *source++;
         }
-        m_output = end;
+        out = end;
     }
+    m_in = in;
+    m_output = out;
+    if (problem) return fail(problem);
+    return true;
 }
 
 bool Inflater::run(std::size_t& produced, std::string& error) {
@@ -361,19 +424,19 @@ bool Inflater::run(std::size_t& produced, std::string& error) {
         error = m_error;
         return false;
     };
-    if (m_inputEnd - m_input < 2) return fail("too short for a zlib stream"), failed();
-    const std::uint32_t method = m_input[0];
-    const std::uint32_t flags = m_input[1];
+    if (m_in.inputEnd - m_in.input < 2) return fail("too short for a zlib stream"), failed();
+    const std::uint32_t method = m_in.input[0];
+    const std::uint32_t flags = m_in.input[1];
     if ((method & 0x0F) != 8 || (method >> 4) > 7) return fail("not a DEFLATE zlib stream"), failed();
     if ((method * 256 + flags) % 31 != 0) return fail("zlib header check failed"), failed();
     if (flags & 0x20) return fail("zlib preset dictionaries are not supported"), failed();
-    m_input += 2;
+    m_in.input += 2;
     bool last = false;
     while (!last) {
-        refill();
-        last = take(1) != 0;
-        const std::uint32_t type = take(2);
-        if (overran()) return fail("truncated data"), failed();
+        m_in.refill();
+        last = m_in.take(1) != 0;
+        const std::uint32_t type = m_in.take(2);
+        if (m_in.overran()) return fail("truncated data"), failed();
         bool ok = false;
         if (type == 0) ok = storedBlock();
         else if (type == 1) {
@@ -384,11 +447,11 @@ bool Inflater::run(std::size_t& produced, std::string& error) {
         if (!ok) return failed();
     }
     // The Adler-32 of the output follows on the next byte boundary, most significant byte first.
-    consume(m_bitCount & 7);
-    refill();
+    m_in.consume(m_in.bitCount & 7);
+    m_in.refill();
     std::uint32_t expected = 0;
-    for (int byte = 0; byte < 4; ++byte) expected = (expected << 8) | take(8);
-    if (overran()) return fail("missing Adler-32 checksum"), failed();
+    for (int byte = 0; byte < 4; ++byte) expected = (expected << 8) | m_in.take(8);
+    if (m_in.overran()) return fail("missing Adler-32 checksum"), failed();
     const std::size_t size = static_cast<std::size_t>(m_output - m_outputStart);
     if (adler32(m_outputStart, size) != expected) return fail("Adler-32 checksum mismatch"), failed();
     produced = size;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 
 namespace wm::png {
 
@@ -337,10 +338,12 @@ bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
         stream = joined.data();
         streamSize = joined.size();
     }
-    std::vector<std::uint8_t> raw(static_cast<std::size_t>(rawSize));
+    // Not zero-filled: the inflater writes every byte before it is read, or the file is refused.
+    const std::unique_ptr<std::uint8_t[]> raw(new std::uint8_t[static_cast<std::size_t>(rawSize)]);
     std::size_t produced = 0;
-    if (!inflateZlib(stream, streamSize, raw.data(), raw.size(), produced, message)) return refuse("image data: " + message);
-    if (produced != raw.size()) return refuse("image data ends early");
+    if (!inflateZlib(stream, streamSize, raw.get(), static_cast<std::size_t>(rawSize), produced, message))
+        return refuse("image data: " + message);
+    if (produced != rawSize) return refuse("image data ends early");
 
     DecodedImage image;
     if (!allocateImage(image, header.width, header.height, message)) return refuse(message);
@@ -354,7 +357,7 @@ bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
         const std::uint32_t rows = passExtent(header.height, shape.yStart, shape.yStep);
         if (!columns || !rows) continue;
         const std::size_t rowBytes = static_cast<std::size_t>(header.rowBytes(columns));
-        std::uint8_t* row = raw.data() + passOffset[pass];
+        std::uint8_t* row = raw.get() + passOffset[pass];
         const std::uint8_t* previous = zeroRow.data();
         for (std::uint32_t y = 0; y < rows; ++y) {
             if (!unfilterRow(row[0], row + 1, previous, rowBytes, bytesPerPixel))
