@@ -84,9 +84,7 @@ bool readInfoHeader(const std::uint8_t* data, std::size_t size, BmpHeader& heade
     return true;
 }
 
-}  // namespace
-
-bool decodeBmp(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+bool decodeBmpUnguarded(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
     auto refuse = [&](std::string message) {
         error = "BMP: " + std::move(message);
         return false;
@@ -182,6 +180,12 @@ bool decodeBmp(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
     }
     out = std::move(image);
     return true;
+}
+
+}  // namespace
+
+bool decodeBmp(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+    return detail::decodeWithoutThrowing("BMP", error, [&] { return decodeBmpUnguarded(data, size, out, error); });
 }
 
 }  // namespace wm::png

@@ -91,14 +91,22 @@ bool decodeImage(const std::uint8_t* data, std::size_t size, DecodedImage& out, 
 }
 
 std::vector<std::uint8_t> zlibCompress(const std::uint8_t* data, std::size_t size) {
-    return detail::deflateZlib(data, size);
+    try {
+        return detail::deflateZlib(data, size);
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 }  // namespace wm::png
 
 bool wm_load_png(const std::string& path, std::int32_t& width, std::int32_t& height, std::vector<std::uint8_t>& rgba) {
     std::vector<std::uint8_t> bytes;
-    if (!korvel::readFileBytes(path, bytes)) return false;
+    try {
+        if (!korvel::readFileBytes(path, bytes)) return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     wm::png::DecodedImage image;
     std::string error;
     if (!wm::png::decodeImage(bytes.data(), bytes.size(), image, error)) return false;
@@ -112,7 +120,11 @@ bool wm_save_png(const std::string& path, std::int32_t width, std::int32_t heigh
     std::vector<std::uint8_t> file = wm::png::encodePng(width, height, rgba);
     if (file.empty()) return false;
     std::string error;
-    return korvel::writeFileAtomically(path, file, error);
+    try {
+        return korvel::writeFileAtomically(path, file, error);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 bool wm_png_requires_postprocess() { return false; }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace wm::png::detail {
@@ -34,6 +35,18 @@ inline std::uint64_t readBe64(const std::uint8_t* p) {
 
 // 16-bit samples become 8-bit by rounding to the nearest of the 256 levels.
 inline std::uint8_t reduce16(std::uint32_t value) { return static_cast<std::uint8_t>((value * 255 + 32767) / 65535); }
+
+// Runs a decode, turning a failed allocation (an image the limits allow but memory does not,
+// as on 32-bit Windows) into a refusal, since nothing may throw out of the codecs.
+template <typename Decode>
+bool decodeWithoutThrowing(const char* format, std::string& error, Decode decode) {
+    try {
+        return decode();
+    } catch (const std::bad_alloc&) {
+        error = std::string(format) + ": not enough memory for the image";
+        return false;
+    }
+}
 
 std::uint32_t crc32(const std::uint8_t* data, std::size_t size, std::uint32_t crc = 0);
 std::uint32_t adler32(const std::uint8_t* data, std::size_t size, std::uint32_t adler = 1);

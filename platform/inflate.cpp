@@ -499,13 +499,15 @@ namespace wm::png {
 
 bool zlibDecompress(const std::uint8_t* data, std::size_t size, std::size_t maxOutput, std::vector<std::uint8_t>& out,
                     std::string& error) {
-    const std::uint64_t justified = detail::maxInflatedSize(size);
-    std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(maxOutput, justified)));
-    std::size_t produced = 0;
-    if (!detail::inflateZlib(data, size, buffer.data(), buffer.size(), produced, error)) return false;
-    buffer.resize(produced);
-    out = std::move(buffer);
-    return true;
+    return detail::decodeWithoutThrowing("zlib", error, [&] {
+        const std::uint64_t justified = detail::maxInflatedSize(size);
+        std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(maxOutput, justified)));
+        std::size_t produced = 0;
+        if (!detail::inflateZlib(data, size, buffer.data(), buffer.size(), produced, error)) return false;
+        buffer.resize(produced);
+        out = std::move(buffer);
+        return true;
+    });
 }
 
 }  // namespace wm::png

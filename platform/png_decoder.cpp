@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <memory>
 
 namespace wm::png {
@@ -297,9 +298,7 @@ bool readChunks(const std::uint8_t* data, std::size_t size, PngContents& content
     }
 }
 
-}  // namespace
-
-bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+bool decodePngUnguarded(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
     auto refuse = [&](std::string message) {
         error = "PNG: " + std::move(message);
         return false;
@@ -327,6 +326,7 @@ bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
         if (columns && rows) rawSize += rows * (header.rowBytes(columns) + 1);
     }
     if (rawSize > maxInflatedSize(contents.idatBytes)) return refuse("image data is too short for the image size");
+    if (rawSize > SIZE_MAX) return refuse("image is too large for this machine");
 
     // One IDAT (the usual case) is inflated in place; several are joined first.
     std::vector<std::uint8_t> joined;
@@ -371,6 +371,12 @@ bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
     }
     out = std::move(image);
     return true;
+}
+
+}  // namespace
+
+bool decodePng(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+    return detail::decodeWithoutThrowing("PNG", error, [&] { return decodePngUnguarded(data, size, out, error); });
 }
 
 }  // namespace wm::png

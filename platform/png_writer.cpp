@@ -68,9 +68,7 @@ void filterRow(const std::uint8_t* row, const std::uint8_t* previous, std::size_
     }
 }
 
-}  // namespace
-
-std::vector<std::uint8_t> encodePng(std::int32_t width, std::int32_t height, const std::uint8_t* rgba) {
+std::vector<std::uint8_t> encodePngUnguarded(std::int32_t width, std::int32_t height, const std::uint8_t* rgba) {
     if (width <= 0 || height <= 0 || !rgba) return {};
     if (static_cast<std::uint32_t>(width) > kMaxSide || static_cast<std::uint32_t>(height) > kMaxSide ||
         std::uint64_t(width) * std::uint64_t(height) > kMaxPixels)
@@ -98,6 +96,16 @@ std::vector<std::uint8_t> encodePng(std::int32_t width, std::int32_t height, con
         appendChunk(out, "IDAT", stream.data() + offset, std::min(kIdatChunkSize, stream.size() - offset));
     appendChunk(out, "IEND", nullptr, 0);
     return out;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> encodePng(std::int32_t width, std::int32_t height, const std::uint8_t* rgba) {
+    try {
+        return encodePngUnguarded(width, height, rgba);
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 }  // namespace wm::png

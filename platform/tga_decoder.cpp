@@ -74,10 +74,8 @@ private:
     const std::uint8_t* m_current = nullptr;
 };
 
-}  // namespace
-
 // file -> header(18) id(idLength) colourMap(mapLength entries) pixels [footer, ignored]
-bool decodeTga(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+bool decodeTgaUnguarded(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
     auto refuse = [&](std::string message) {
         error = "TGA: " + std::move(message);
         return false;
@@ -153,6 +151,12 @@ bool decodeTga(const std::uint8_t* data, std::size_t size, DecodedImage& out, st
     }
     out = std::move(image);
     return true;
+}
+
+}  // namespace
+
+bool decodeTga(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
+    return detail::decodeWithoutThrowing("TGA", error, [&] { return decodeTgaUnguarded(data, size, out, error); });
 }
 
 }  // namespace wm::png

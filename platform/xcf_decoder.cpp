@@ -1,5 +1,5 @@
 // The XCF reader (GIMP's own format): the visible layers of an RGB, grey or indexed image of
-// 8-bit precision, composited bottom to top with their opacity, in tiles stored raw, RLE or
+// 8-bit precision (perceptual, or linear turned into sRGB at the end), composited bottom to top with their opacity, in tiles stored raw, RLE or
 // zlib-compressed. Every layer is drawn in normal mode whatever its mode says; group layers
 // contribute their children, and their own visibility and opacity are not applied. Layer masks,
 // higher precisions and fractal compression are refused with a message saying so.
@@ -99,6 +99,7 @@ private:
     std::string m_error;
     std::uint32_t m_version = 0;
     bool m_widePointers = false;
+    bool m_linear = false;  // 8-bit linear-light samples, turned into sRGB once composited
     std::uint32_t m_baseType = kRgb;
     std::uint8_t m_compression = kNone;
     std::vector<std::uint8_t> m_colourMap;  // RGB triples
@@ -310,6 +311,7 @@ bool XcfReader::read(DecodedImage& image, std::string& error) {
         const std::uint32_t precision = cursor.u32();
         const bool eightBit = m_version == 4 ? precision == 0 : precision == 100 || precision == 150;
         if (!eightBit) return fail("only 8-bit precision is supported (precision " + std::to_string(precision) + ")"), failed();
+        m_linear = m_version > 4 && precision == 100;
     }
     if (!cursor.ok()) return fail("file too short for its header"), failed();
     if (m_baseType > kIndexed) return fail("unknown image type " + std::to_string(m_baseType)), failed();
@@ -334,6 +336,17 @@ bool XcfReader::read(DecodedImage& image, std::string& error) {
         if (!layer.visible || layer.group) continue;
         if (!drawLayer(layer, canvas)) return failed();
     }
+    if (m_linear) {
+        // GIMP blends linear images in linear light and shows them through the sRGB curve.
+        std::array<std::uint8_t, 256> toSrgb{};
+        for (int value = 0; value < 256; ++value) {
+            const double linear = value / 255.0;
+            const double encoded = linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1 / 2.4) - 0.055;
+            toSrgb[static_cast<std::size_t>(value)] = static_cast<std::uint8_t>(std::lround(encoded * 255));
+        }
+        for (std::size_t index = 0; index < canvas.rgba.size(); index += 4)
+            for (std::size_t channel = 0; channel < 3; ++channel) canvas.rgba[index + channel] = toSrgb[canvas.rgba[index + channel]];
+    }
     image = std::move(canvas);
     return true;
 }
@@ -341,7 +354,7 @@ bool XcfReader::read(DecodedImage& image, std::string& error) {
 }  // namespace
 
 bool decodeXcf(const std::uint8_t* data, std::size_t size, DecodedImage& out, std::string& error) {
-    return XcfReader(data, size).read(out, error);
+    return decodeWithoutThrowing("XCF", error, [&] { return XcfReader(data, size).read(out, error); });
 }
 
 }  // namespace wm::png

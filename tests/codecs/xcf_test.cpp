@@ -158,6 +158,25 @@ TEST(XcfDecode, LayerOpacityScalesItsAlpha) {
     EXPECT_EQ(decoded.rgba, (Bytes{255, 0, 0, 128}));
 }
 
+TEST(XcfDecode, LinearPrecisionIsShownThroughTheSrgbCurve) {
+    XcfImage image;
+    image.version = 7;
+    image.precision = 100;  // 8-bit linear
+    image.width = 3;
+    image.height = 1;
+    XcfLayer layer;
+    layer.width = 3;
+    layer.height = 1;
+    layer.type = 0;
+    layer.pixels = {0, 0, 0, 255, 255, 255, 55, 55, 55};
+    image.layers = {layer};
+    wm::png::DecodedImage decoded;
+    std::string error;
+    ASSERT_TRUE(decode(buildXcf(image), decoded, error)) << error;
+    // Linear 55/255 is sRGB 128 (middle grey); black and white stay.
+    EXPECT_EQ(decoded.rgba, (Bytes{0, 0, 0, 255, 255, 255, 255, 255, 128, 128, 128, 255}));
+}
+
 struct Refusal {
     const char* name;
     Bytes file;
