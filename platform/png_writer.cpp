@@ -36,28 +36,22 @@ std::uint8_t paethPredictor(int left, int above, int upperLeft) {
 }
 
 // Filters row (with previous the row above, or null for the first) into target with each
-// filter type and keeps the one whose bytes, read as signed, sum smallest in magnitude.
+// filter type and keeps the one whose bytes, read as signed, sum smallest in magnitude. Each
+// filter has its own straight loop so that the compiler can vectorise the simple ones.
 void filterRow(const std::uint8_t* row, const std::uint8_t* previous, std::size_t length, std::uint8_t* target,
                std::vector<std::uint8_t>& scratch) {
     constexpr std::size_t kPixel = 4;
+    std::vector<std::uint8_t> zeroRow;
+    if (!previous) {
+        zeroRow.assign(length, 0);
+        previous = zeroRow.data();
+    }
+    std::uint8_t* candidate = scratch.data();
     std::uint64_t bestCost = ~0ull;
-    for (std::uint8_t filter = 0; filter < 5; ++filter) {
-        std::uint8_t* candidate = scratch.data();
+    auto consider = [&](std::uint8_t filter) {
         std::uint64_t cost = 0;
         for (std::size_t index = 0; index < length; ++index) {
-            const int left = index >= kPixel ? row[index - kPixel] : 0;
-            const int above = previous ? previous[index] : 0;
-            const int upperLeft = previous && index >= kPixel ? previous[index - kPixel] : 0;
-            int predicted = 0;
-            switch (filter) {
-            case 1: predicted = left; break;
-            case 2: predicted = above; break;
-            case 3: predicted = (left + above) >> 1; break;
-            case 4: predicted = paethPredictor(left, above, upperLeft); break;
-            default: break;
-            }
-            const std::uint8_t value = static_cast<std::uint8_t>(row[index] - predicted);
-            candidate[index] = value;
+            const std::uint8_t value = candidate[index];
             cost += value < 128 ? value : 256 - value;
         }
         if (cost < bestCost) {
@@ -65,7 +59,25 @@ void filterRow(const std::uint8_t* row, const std::uint8_t* previous, std::size_
             target[0] = filter;
             std::copy(candidate, candidate + length, target + 1);
         }
+    };
+    std::copy(row, row + length, candidate);
+    consider(0);
+    for (std::size_t index = 0; index < length; ++index)
+        candidate[index] = static_cast<std::uint8_t>(row[index] - (index >= kPixel ? row[index - kPixel] : 0));
+    consider(1);
+    for (std::size_t index = 0; index < length; ++index) candidate[index] = static_cast<std::uint8_t>(row[index] - previous[index]);
+    consider(2);
+    for (std::size_t index = 0; index < length; ++index) {
+        const int left = index >= kPixel ? row[index - kPixel] : 0;
+        candidate[index] = static_cast<std::uint8_t>(row[index] - ((left + previous[index]) >> 1));
     }
+    consider(3);
+    for (std::size_t index = 0; index < length; ++index) {
+        const int left = index >= kPixel ? row[index - kPixel] : 0;
+        const int upperLeft = index >= kPixel ? previous[index - kPixel] : 0;
+        candidate[index] = static_cast<std::uint8_t>(row[index] - paethPredictor(left, previous[index], upperLeft));
+    }
+    consider(4);
 }
 
 std::vector<std::uint8_t> encodePngUnguarded(std::int32_t width, std::int32_t height, const std::uint8_t* rgba) {

@@ -164,8 +164,9 @@ INSTANTIATE_TEST_SUITE_P(
                       RoundTripCase{"sixteen symbols", randomBytes(100000, 1, 16), 0.59},
                       // Incompressible: stored blocks keep the growth to a few bytes per 64 KiB.
                       RoundTripCase{"random", randomBytes(150000, 2, 256), 1.001},
-                      // Unfiltered noisy RGBA; zlib's level 9 gets 0.82.
-                      RoundTripCase{"image pattern", codec_test::testPattern(300, 200, 3), 0.85}),
+                      // Unfiltered noisy RGBA; zlib's level 9 gets 0.82, with the 3-byte matches
+                      // our compressor leaves out for speed.
+                      RoundTripCase{"image pattern", codec_test::testPattern(300, 200, 3), 0.87}),
     [](const auto& info) {
         std::string name = info.param.name;
         for (char& c : name)
