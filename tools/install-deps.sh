@@ -2,7 +2,14 @@
 # Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
 # engine. Does nothing when they are all present.
 set -euo pipefail
-packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time imagemagick libpng-dev)
+packages=(
+  cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache  # building and testing
+  lua5.4 hyperfine time                                                               # benchmark peers and timing
+  libpixman-1-dev                                                                     # image benchmark peer
+  sox libsndfile1-dev                                                                 # WAV test files and reference reader
+  libsdl2-dev libmpg123-dev lame                                                      # sound output, MP3 decoding, MP3 test files
+  imagemagick libpng-dev                                                              # image test files and reference reader, PNG benchmark peer
+)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
