@@ -4,6 +4,7 @@
 #include "host/registry.h"
 
 #include "graphics/mirel_bindings.h"
+#include "host/audio_module.h"
 #include "host/bindings.h"
 #include "host/globals.h"
 #include "host/host.h"
@@ -13,6 +14,7 @@ namespace quillfen {
 
 void registerFunctionsInto(korvel::KorvelScript& target) {
     makeModule(target, "Korvel", korvelModuleEntries(target));
+    makeModule(target, "Audio", audioModuleEntries());
     makeModule(target, "Mirel", mirelModuleEntries());
 
     registerGlobalHelpers(target);

@@ -7,6 +7,8 @@ packages=(
   lua5.4 hyperfine time                                                               # benchmark peers and timing
   libpixman-1-dev                                                                     # image benchmark peer
   sox libsndfile1-dev                                                                 # WAV test files and reference reader
+  libsdl2-dev libmpg123-dev lame                                                      # sound output, MP3 decoding, MP3 test files
+  imagemagick libpng-dev                                                              # image test files and reference reader, PNG benchmark peer
 )
 missing=()
 for p in "${packages[@]}"; do
