@@ -6,10 +6,13 @@
 #include "graphics/mirel_image.h"
 #include "graphics/mirel_internal.h"
 #include "graphics/mmg_file.h"
+#include "platform/image_codecs.h"
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quillfen {
 
@@ -227,6 +230,33 @@ Variable insertReflection(const Arguments& args) {
     return {};
 }
 
+Variable saveImage(const Arguments& args) {
+    constexpr std::string_view function = "Mirel.saveImage";
+    const MirelImage& image = imageArgument(args, 0, function, "image");
+    const std::string& path = stringValue(requireArg(args, 1, function), function, "path");
+    return Variable(wm_save_png(korvel::KorvelScript::normalisePath(path), image.width, image.height, image.pixels.get()));
+}
+
+// Decodes a PNG (or BMP, TGA, XCF) file into a new live image. The platform's post-process
+// hook (built-in shader processor 8 over every decoded image) is not consulted: no platform we
+// build for asks for it, and the shader processors it would run are not part of the engine yet.
+Variable loadPNG(const Arguments& args) {
+    constexpr std::string_view function = "Mirel.loadPNG";
+    const std::string& path = stringValue(requireArg(args, 0, function), function, "path");
+    std::int32_t width = 0, height = 0;
+    std::vector<std::uint8_t> rgba;
+    if (!wm_load_png(korvel::KorvelScript::normalisePath(path), width, height, rgba))
+        bindingError(function, "failed to load image: " + path);
+    auto image = std::make_unique<MirelImage>();
+    image->pixels = allocatePixels(width, height);
+    if (!image->pixels || rgba.size() != static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4)
+        bindingError(function, "failed to load image: " + path);
+    std::memcpy(image->pixels.get(), rgba.data(), rgba.size());
+    image->width = width;
+    image->height = height;
+    return Variable::fromPointer(registerImage(std::move(image)));
+}
+
 Variable saveMirelImageBinding(const Arguments& args) {
     constexpr std::string_view function = "Mirel.saveMirelImage";
     const MirelImage& image = imageArgument(args, 0, function, "image");
@@ -255,12 +285,14 @@ std::vector<ModuleEntry> mirelModuleEntries() {
         {"checkImage", checkImage},
         {"getPixel", getImagePixel},
         {"getPixel", setImagePixel},
+        {"saveImage", saveImage},
         {"blitImage", blitImageBinding},
         {"blitImageRect", blitImageRectBinding},
         {"mirrorImage", mirrorImage},
         {"killImage", killImageBinding},
         {"imageSize", imageSize},
         {"insertReflection", insertReflection},
+        {"loadPNG", loadPNG},
         {"saveMirelImage", saveMirelImageBinding},
         {"loadMirelImage", loadMirelImageBinding},
     };

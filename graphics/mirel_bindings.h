@@ -1,4 +1,5 @@
-// The script bindings of the "Mirel" module's image functions and image files.
+// The script bindings of the "Mirel" module's image functions and image files (.mmg, and PNG
+// through the platform's image codecs).
 #pragma once
 
 #include "host/bindings.h"

@@ -110,6 +110,25 @@ TEST_F(MirelScript, SavesAndLoadsMirelImages) {
     std::filesystem::remove(path);
 }
 
+TEST_F(MirelScript, SavesAndLoadsPngImages) {
+    const std::string path = (std::filesystem::temp_directory_path() / "korvel-binding-test.png").string();
+    EXPECT_EQ(run("img = Mirel.createImage(3, 2, 5, 6, 7, 8)\n"
+                  "dot = Mirel.createImage(1, 1, 200, 100, 50, 255)\n"
+                  "Mirel.blitImage(img, dot, 2, 1, 0, 1, 0)\n"
+                  "print(Mirel.saveImage(img, \"" + path + "\"))\n"
+                  "copy = Mirel.loadPNG(\"" + path + "\")\n"
+                  "w, h = Mirel.imageSize(copy)\n"
+                  "r, g, b, a = Mirel.getPixel(copy, 2, 1)\n"
+                  "print(w, h, r, g, b, a, Mirel.checkImage(copy))\n"
+                  "r, g, b, a = Mirel.getPixel(copy, 0, 0)\n"
+                  "print(r, g, b, a)\n"
+                  "Mirel.killImage(img)\n"
+                  "Mirel.killImage(dot)\n"
+                  "Mirel.killImage(copy)\n"),
+              "true\n3 2 200 100 50 255 true\n5 6 7 8\n");
+    std::filesystem::remove(path);
+}
+
 struct MessageCase {
     const char* name;
     const char* script;
@@ -168,6 +187,11 @@ INSTANTIATE_TEST_SUITE_P(
         MessageCase{"save path", "Mirel.saveMirelImage(img, 5)", "Mirel.saveMirelImage: path must be a string"},
         MessageCase{"save dead", "Mirel.saveMirelImage(dead, \"a.mmg\")", "Mirel.saveMirelImage: image must be a valid image"},
         MessageCase{"load path", "Mirel.loadMirelImage()", "Mirel.loadMirelImage: missing argument 1"},
+        MessageCase{"png save dead", "Mirel.saveImage(dead, \"a.png\")", "Mirel.saveImage: image must be a valid image"},
+        MessageCase{"png load kind", "Mirel.loadPNG(5)", "Mirel.loadPNG: path must be a string"},
+        MessageCase{"png load missing", "Mirel.loadPNG(\"no/such/picture.png\")", "Mirel.loadPNG: failed to load image: no/such/picture.png"},
+        MessageCase{"png load not an image", "Mirel.loadPNG(\"" KORVEL_GRAPHICS_TEST_SOURCE "\")",
+                    "Mirel.loadPNG: failed to load image: " KORVEL_GRAPHICS_TEST_SOURCE},
         MessageCase{"no writer by name", "Mirel.setPixel(img, 0, 0, 1, 1, 1, 1)", "Attempted to call a non-function value of type not"}),
     [](const auto& info) {
         std::string name;
@@ -179,9 +203,9 @@ TEST(MirelEntries, FollowTheModuleTableOrder) {
     std::vector<std::string> names;
     for (const ModuleEntry& entry : mirelModuleEntries()) names.push_back(entry.name);
     const std::vector<std::string> expected = {"printImage", "threads", "dither", "skew", "bilinear", "trimImage", "bilinearSolid",
-                                               "createImage", "checkImage", "getPixel", "getPixel", "blitImage", "blitImageRect",
-                                               "mirrorImage", "killImage", "imageSize", "insertReflection", "saveMirelImage",
-                                               "loadMirelImage"};
+                                               "createImage", "checkImage", "getPixel", "getPixel", "saveImage", "blitImage",
+                                               "blitImageRect", "mirrorImage", "killImage", "imageSize", "insertReflection",
+                                               "loadPNG", "saveMirelImage", "loadMirelImage"};
     EXPECT_EQ(names, expected);
 }
 
