@@ -59,3 +59,90 @@ for entry in sys.argv[5:]:
 sys.exit(1 if bad else 0)
 PY
 }
+
+# drive_probe_window LOG PID: every check of a running probe whose report goes to LOG, from
+# its first picture to its exit after the close request. Needs DISPLAY, xdotool, xwd, convert.
+# Without a window manager the X window of the probe is exactly its client area.
+drive_probe_window() {
+  local log="$1" pid="$2" window size status
+  local shots; shots="$(mktemp -d)"
+  check "window opens and shows its picture" wait_for "$log" "READY Korvel Window Probe" 10
+  check "client area is 640 x 480" wait_for "$log" "SIZE 640 480" 1
+  window="$(xdotool search --sync --name '^Korvel Window Probe$' | head -1)"
+
+  # Screenshot: without a window manager the X window is exactly the client area.
+  xwd -id "$window" -silent > "$shots/shot.xwd"
+  convert "$shots/shot.xwd" -depth 8 "rgb:$shots/shot.rgb"
+  size="$(convert "$shots/shot.xwd" -format '%w %h' info:)"
+  [ -n "${KORVEL_WINDOW_SHOT:-}" ] && convert "$shots/shot.xwd" "$KORVEL_WINDOW_SHOT"
+  check "screenshot is the 640 x 480 client area" test "$size" = "640 480"
+  check "picture scaled by 2 between 40-pixel bars of the clear colour" check_picture "$shots/shot.rgb" 640 0 0
+
+  # Keys: X key names and the Windows virtual-key codes the layer must report.
+  xdotool windowfocus --sync "$window"
+  for pair in a:41 z:5A 5:35 0:30 Up:26 Left:25 Return:0D BackSpace:08 Delete:2E space:20 F1:70 Escape:1B; do
+    key="${pair%%:*}"; code="${pair##*:}"
+    mark "$log"
+    xdotool keydown "$key"
+    check "key $key down reports code $code" wait_for "$log" "INPUT .* keys=$code"
+    mark "$log"
+    xdotool keyup "$key"
+    check "key $key up clears it" wait_for "$log" "INPUT .* keys="
+  done
+  mark "$log"
+  xdotool keydown shift keydown b
+  check "two keys held at once (shift 10, b 42)" wait_for "$log" "INPUT .* keys=10,42"
+  mark "$log"
+  xdotool keyup b keyup shift
+  check "both released" wait_for "$log" "INPUT .* keys="
+
+  # Focus moving away while a key is held: the key reads as up, though it was never released.
+  mark "$log"
+  xdotool keydown a
+  check "key held before the focus moves" wait_for "$log" "INPUT .* keys=41"
+  mark "$log"
+  xdotool windowfocus --sync "$(xwininfo -root | awk '/Window id:/ {print $4}')"
+  check "focus loss releases the held key" wait_for "$log" "INPUT .* keys="
+  xdotool keyup a
+  xdotool windowfocus --sync "$window"
+
+  # Mouse: client (100, 100) is logical (50, 30); over the top bar the y coordinate clamps to 0.
+  mark "$log"
+  xdotool mousemove --window "$window" 100 100
+  check "pointer in logical coordinates" wait_for "$log" "INPUT 50 30 0 0 0 keys="
+  mark "$log"
+  xdotool mousemove --window "$window" 600 10
+  check "pointer over the top bar clamps to the top edge" wait_for "$log" "INPUT 300 0 0 0 0 keys="
+  mark "$log"
+  xdotool mousemove --window "$window" 639 479
+  check "pointer over the bottom bar clamps to the bottom right corner" wait_for "$log" "INPUT 319 199 0 0 0 keys="
+  mark "$log"
+  xdotool mousemove --window "$window" 320 240
+  mark "$log"
+  xdotool mousedown 1
+  check "left button down" wait_for "$log" "INPUT 160 100 1 0 0 keys="
+  mark "$log"
+  xdotool mouseup 1
+  check "left button up" wait_for "$log" "INPUT 160 100 0 0 0 keys="
+  mark "$log"
+  xdotool mousedown 3
+  check "right button is button 1" wait_for "$log" "INPUT 160 100 0 1 0 keys="
+  mark "$log"
+  xdotool mouseup 3 mousedown 2
+  check "middle button is button 2" wait_for "$log" "INPUT 160 100 0 0 1 keys="
+  mark "$log"
+  xdotool mouseup 2
+  check "middle button up" wait_for "$log" "INPUT 160 100 0 0 0 keys="
+
+  # Close: the window manager's close message raises the flag; the window stays until the
+  # program destroys it.
+  mark "$log"
+  python3 "$here/x11_close_window.py" "$window"
+  check "close request raises the close flag" wait_for "$log" "CLOSE 1"
+  window_exists() { xdotool getwindowname "$window" >/dev/null 2>&1; }
+  check "window still on screen after the close request" window_exists
+  check "close flag stays up" wait_for "$log" "STILL_CLOSED 1 WINDOW_KEPT 1" 5
+  wait "$pid"; status=$?
+  check "probe exits normally" test "$status" -eq 0
+  rm -rf "$shots"
+}
