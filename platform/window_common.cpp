@@ -45,7 +45,7 @@ bool wm_capturePixels(WmWindow* window, int* width, int* height, std::vector<std
     if (state->dirty) wm::composeBackBuffer(*state);
     *width = state->clientWidth;
     *height = state->clientHeight;
-    *rgba = state->backBufferRgba;
+    *rgba = wm::backBufferRgba(*state);
     return true;
 }
 

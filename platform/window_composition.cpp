@@ -2,6 +2,7 @@
 #include "platform/window_composition.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -13,46 +14,44 @@ WindowState* g_currentWindow = nullptr;
 
 std::int32_t atLeastOne(std::int32_t value) { return value < 1 ? 1 : value; }
 
-// One back-buffer pixel in both forms. The RGBA bytes are written through memcpy so the
-// compiler can merge them into one store without aliasing the byte vector as words.
-inline void storePixel(std::uint8_t* rgba, std::uint32_t* word, std::uint32_t red, std::uint32_t green,
-                       std::uint32_t blue) {
-    const std::uint8_t bytes[4] = {static_cast<std::uint8_t>(red), static_cast<std::uint8_t>(green),
-                                   static_cast<std::uint8_t>(blue), 255};
-    std::memcpy(rgba, bytes, 4);
-    *word = (red << 16) | (green << 8) | blue;
+inline std::uint32_t clearWordOf(const WindowState& state) {
+    return (std::uint32_t{state.clearRed} << 16) | (std::uint32_t{state.clearGreen} << 8) | state.clearBlue;
 }
 
-void fillSpan(std::uint8_t* rgba, std::uint32_t* words, std::size_t count, const WindowState& state) {
-    if (count == 0) return;
-    storePixel(rgba, words, state.clearRed, state.clearGreen, state.clearBlue);
-    std::fill(words + 1, words + count, words[0]);
-    // Doubling copies: the span fills in log(count) memcpy calls.
-    std::size_t done = 1;
-    while (done < count) {
-        std::size_t step = std::min(done, count - done);
-        std::memcpy(rgba + done * 4, rgba, step * 4);
-        done += step;
+// A source pixel as a 32-bit word: the RGBA bytes in memory read as R | G << 8 | B << 16 |
+// A << 24 on a little-endian machine.
+inline std::uint32_t loadPixel(const std::uint8_t* bytes) {
+    std::uint32_t word;
+    std::memcpy(&word, bytes, 4);
+    if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+    return word;
+}
+
+// One source row as screen words, blended over the clear colour. A row known to be opaque
+// (most rows of most frames) is only reordered, in a loop the compiler vectorises; other rows
+// skip the arithmetic for fully opaque and fully transparent pixels.
+void convertRow(const std::uint8_t* source, std::int32_t count, bool opaque, std::uint32_t* out, const WindowState& state) {
+    if (opaque) {
+        for (std::int32_t i = 0; i < count; ++i) {
+            const std::uint32_t pixel = loadPixel(source + static_cast<std::size_t>(i) * 4);
+            out[i] = ((pixel & 0xFF) << 16) | (pixel & 0xFF00) | ((pixel >> 16) & 0xFF);
+        }
+        return;
     }
-}
-
-// One drawn row: nearest source pixels from a precomputed column table, blended over the clear
-// colour. Opaque and fully transparent pixels, by far the most common, skip the arithmetic.
-void composeRow(const std::uint8_t* sourceRow, const std::uint32_t* columnOffsets, std::int32_t count,
-                std::uint8_t* rgba, std::uint32_t* words, const WindowState& state) {
     const std::uint32_t clearRed = state.clearRed, clearGreen = state.clearGreen, clearBlue = state.clearBlue;
+    const std::uint32_t clearWord = clearWordOf(state);
     for (std::int32_t i = 0; i < count; ++i) {
-        const std::uint8_t* pixel = sourceRow + columnOffsets[i];
-        const std::uint32_t alpha = pixel[3];
+        const std::uint32_t pixel = loadPixel(source + static_cast<std::size_t>(i) * 4);
+        const std::uint32_t alpha = pixel >> 24;
         if (alpha == 255) {
-            storePixel(rgba + i * 4, words + i, pixel[0], pixel[1], pixel[2]);
+            out[i] = ((pixel & 0xFF) << 16) | (pixel & 0xFF00) | ((pixel >> 16) & 0xFF);
         } else if (alpha == 0) {
-            storePixel(rgba + i * 4, words + i, clearRed, clearGreen, clearBlue);
+            out[i] = clearWord;
         } else {
             const std::uint32_t inverse = 255 - alpha;
-            storePixel(rgba + i * 4, words + i, divideBy255(clearRed * inverse + pixel[0] * alpha),
-                       divideBy255(clearGreen * inverse + pixel[1] * alpha),
-                       divideBy255(clearBlue * inverse + pixel[2] * alpha));
+            out[i] = (divideBy255(clearRed * inverse + (pixel & 0xFF) * alpha) << 16) |
+                     (divideBy255(clearGreen * inverse + ((pixel >> 8) & 0xFF) * alpha) << 8) |
+                     divideBy255(clearBlue * inverse + ((pixel >> 16) & 0xFF) * alpha);
         }
     }
 }
@@ -99,8 +98,9 @@ Letterbox letterboxFor(std::int32_t clientWidth, std::int32_t clientHeight, std:
 
 void sizeBackBuffer(WindowState& state, std::int32_t width, std::int32_t height) {
     const std::size_t count = static_cast<std::size_t>(atLeastOne(width)) * static_cast<std::size_t>(atLeastOne(height));
-    state.backBufferRgba.assign(count * 4, 0);
     state.backBufferWords.assign(count, 0);
+    state.backBufferRgba.clear();
+    state.rgbaCurrent = false;
 }
 
 bool hasPushedImage(const WindowState& state) {
@@ -110,55 +110,78 @@ bool hasPushedImage(const WindowState& state) {
 void composeBackBuffer(WindowState& state) {
     const std::int32_t width = atLeastOne(state.clientWidth), height = atLeastOne(state.clientHeight);
     const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    if (state.backBufferWords.size() != count || state.backBufferRgba.size() != count * 4)
-        sizeBackBuffer(state, width, height);
-    std::uint8_t* rgba = state.backBufferRgba.data();
+    if (state.backBufferWords.size() != count) sizeBackBuffer(state, width, height);
+    state.rgbaCurrent = false;
     std::uint32_t* words = state.backBufferWords.data();
+    const std::uint32_t clearWord = clearWordOf(state);
     if (!hasPushedImage(state)) {
-        fillSpan(rgba, words, count, state);
+        std::fill(words, words + count, clearWord);
         return;
     }
 
     const std::int32_t imageWidth = state.pushedWidth, imageHeight = state.pushedHeight;
     const Letterbox box = letterboxFor(width, height, imageWidth, imageHeight);
-    // Source byte offset of every drawn column: the only per-column division, done once.
-    std::vector<std::uint32_t> columnOffsets(static_cast<std::size_t>(box.drawnWidth));
-    for (std::int32_t x = 0; x < box.drawnWidth; ++x) {
-        const std::int64_t column = static_cast<std::int64_t>(x) * imageWidth / box.drawnWidth;
-        columnOffsets[static_cast<std::size_t>(x)] = static_cast<std::uint32_t>(std::min<std::int64_t>(column, imageWidth - 1) * 4);
-    }
+    // Source column of every drawn column: the only per-column division, done once.
+    std::vector<std::uint32_t> columns(static_cast<std::size_t>(box.drawnWidth));
+    for (std::int32_t x = 0; x < box.drawnWidth; ++x)
+        columns[static_cast<std::size_t>(x)] = static_cast<std::uint32_t>(
+            std::min<std::int64_t>(static_cast<std::int64_t>(x) * imageWidth / box.drawnWidth, imageWidth - 1));
+    // Each source row is converted once into screen words, then spread over the drawn columns.
+    std::vector<std::uint32_t> sourceWords(static_cast<std::size_t>(imageWidth));
 
     const std::size_t rowPixels = static_cast<std::size_t>(width);
     const std::size_t sourceStride = static_cast<std::size_t>(imageWidth) * 4;
-    fillSpan(rgba, words, rowPixels * static_cast<std::size_t>(box.offsetY), state);
+    const std::size_t left = static_cast<std::size_t>(box.offsetX), right = left + static_cast<std::size_t>(box.drawnWidth);
+    std::fill(words, words + rowPixels * static_cast<std::size_t>(box.offsetY), clearWord);
     std::int64_t previousSourceRow = -1;
     for (std::int32_t y = box.offsetY; y < box.offsetY + box.drawnHeight; ++y) {
-        std::uint8_t* rowRgba = rgba + static_cast<std::size_t>(y) * rowPixels * 4;
-        std::uint32_t* rowWords = words + static_cast<std::size_t>(y) * rowPixels;
+        std::uint32_t* row = words + static_cast<std::size_t>(y) * rowPixels;
         const std::int64_t sourceRow = std::min<std::int64_t>(
             static_cast<std::int64_t>(y - box.offsetY) * imageHeight / box.drawnHeight, imageHeight - 1);
         if (sourceRow == previousSourceRow) {
             // Enlarged pictures repeat rows: copy the one above instead of sampling again.
-            std::memcpy(rowRgba, rowRgba - rowPixels * 4, rowPixels * 4);
-            std::memcpy(rowWords, rowWords - rowPixels, rowPixels * 4);
+            std::memcpy(row, row - rowPixels, rowPixels * sizeof *row);
             continue;
         }
         previousSourceRow = sourceRow;
-        const std::size_t rightStart = static_cast<std::size_t>(box.offsetX + box.drawnWidth);
-        fillSpan(rowRgba, rowWords, static_cast<std::size_t>(box.offsetX), state);
-        composeRow(state.pushedPixels.data() + static_cast<std::size_t>(sourceRow) * sourceStride, columnOffsets.data(),
-                   box.drawnWidth, rowRgba + static_cast<std::size_t>(box.offsetX) * 4, rowWords + box.offsetX, state);
-        fillSpan(rowRgba + rightStart * 4, rowWords + rightStart, rowPixels - rightStart, state);
+        const std::uint8_t* source = state.pushedPixels.data() + static_cast<std::size_t>(sourceRow) * sourceStride;
+        const bool opaque = state.opaqueRows[static_cast<std::size_t>(sourceRow)] != 0;
+        std::fill(row, row + left, clearWord);
+        if (box.drawnWidth == imageWidth) {
+            convertRow(source, imageWidth, opaque, row + left, state);  // unscaled columns: straight in
+        } else {
+            convertRow(source, imageWidth, opaque, sourceWords.data(), state);
+            const std::uint32_t* converted = sourceWords.data();
+            const std::uint32_t* column = columns.data();
+            std::uint32_t* drawn = row + left;
+            for (std::int32_t i = 0; i < box.drawnWidth; ++i) drawn[i] = converted[column[i]];
+        }
+        std::fill(row + right, row + rowPixels, clearWord);
     }
-    const std::size_t bottomStart = static_cast<std::size_t>(box.offsetY + box.drawnHeight);
-    fillSpan(rgba + bottomStart * rowPixels * 4, words + bottomStart * rowPixels,
-             (static_cast<std::size_t>(height) - bottomStart) * rowPixels, state);
+    const std::size_t bottom = static_cast<std::size_t>(box.offsetY + box.drawnHeight) * rowPixels;
+    std::fill(words + bottom, words + count, clearWord);
+}
+
+const std::vector<std::uint8_t>& backBufferRgba(WindowState& state) {
+    if (state.rgbaCurrent) return state.backBufferRgba;
+    state.backBufferRgba.resize(state.backBufferWords.size() * 4);
+    std::uint8_t* out = state.backBufferRgba.data();
+    for (std::uint32_t word : state.backBufferWords) {
+        out[0] = static_cast<std::uint8_t>(word >> 16);
+        out[1] = static_cast<std::uint8_t>(word >> 8);
+        out[2] = static_cast<std::uint8_t>(word);
+        out[3] = 255;
+        out += 4;
+    }
+    state.rgbaCurrent = true;
+    return state.backBufferRgba;
 }
 
 void pushPixels(WindowState& state, std::int32_t width, std::int32_t height, const std::uint8_t* rgba) {
     if (!rgba || width < 1 || height < 1) {
         if (hasPushedImage(state)) state.dirty = true;
         state.pushedPixels.clear();
+        state.opaqueRows.clear();
         state.pushedWidth = state.pushedHeight = 0;
         return;
     }
@@ -169,6 +192,13 @@ void pushPixels(WindowState& state, std::int32_t width, std::int32_t height, con
     state.pushedPixels.assign(rgba, rgba + bytes);
     state.pushedWidth = width;
     state.pushedHeight = height;
+    state.opaqueRows.assign(static_cast<std::size_t>(height), 1);
+    for (std::size_t row = 0; row < static_cast<std::size_t>(height); ++row) {
+        const std::uint8_t* pixel = rgba + row * static_cast<std::size_t>(width) * 4;
+        std::uint8_t all = 255;
+        for (std::int32_t x = 0; x < width; ++x) all &= pixel[static_cast<std::size_t>(x) * 4 + 3];
+        state.opaqueRows[row] = all == 255;
+    }
     state.dirty = true;
 }
 

@@ -23,8 +23,13 @@ struct WindowState {
     std::array<bool, 256> keys{};                           // by Windows virtual-key code
     std::vector<std::uint8_t> pushedPixels;                 // RGBA of the last pushed image
     std::int32_t pushedWidth = 0, pushedHeight = 0;
-    std::vector<std::uint8_t> backBufferRgba;               // client size, R G B A, top row first
-    std::vector<std::uint32_t> backBufferWords;             // the same as (R << 16) | (G << 8) | B
+    std::vector<std::uint8_t> opaqueRows;                   // per pushed row: every alpha is 255
+    std::vector<std::uint32_t> backBufferWords;             // client size, (R << 16) | (G << 8) | B, top row first
+    // The same picture as R, G, B, 255 bytes, made from the words only when asked for
+    // (backBufferRgba): the screen needs only the words, and writing both would double the
+    // memory traffic of every frame.
+    std::vector<std::uint8_t> backBufferRgba;
+    bool rgbaCurrent = false;
     bool dirty = true;                                      // recompose before the next screen copy
 };
 
@@ -43,14 +48,16 @@ struct Letterbox {
 Letterbox letterboxFor(std::int32_t clientWidth, std::int32_t clientHeight, std::int32_t imageWidth,
                        std::int32_t imageHeight, double minimumScale = 0.0);
 
-// Makes both back buffers width × height (positive) of zeros.
+// Makes the back buffer width × height (positive) zero words.
 void sizeBackBuffer(WindowState& state, std::int32_t width, std::int32_t height);
 // Whether an image is there to compose (pixels present, both sizes positive).
 bool hasPushedImage(const WindowState& state);
-// Recomposes both back buffers from the pushed image and the clear colour at the client size
-// (sizing them first when they do not match). Leaves `dirty` to the caller, who clears it once
+// Recomposes the back buffer from the pushed image and the clear colour at the client size
+// (sizing it first when it does not match). Leaves `dirty` to the caller, who clears it once
 // the picture has reached the screen.
 void composeBackBuffer(WindowState& state);
+// The back buffer as RGBA bytes (alpha 255), brought up to date with the words if needed.
+const std::vector<std::uint8_t>& backBufferRgba(WindowState& state);
 
 // Copies a pushed picture; marks dirty only when size or pixels differ from the last one, so
 // that pushing the same frame again costs a comparison and no recomposition. A null block or
