@@ -2,7 +2,8 @@
 # Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
 # engine. Does nothing when they are all present.
 set -euo pipefail
-packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time)
+packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time
+          libsdl2-dev xvfb xauth xdotool x11-apps x11-utils imagemagick)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
