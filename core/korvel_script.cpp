@@ -4,6 +4,7 @@
 #include "core/interpreter_internal.h"
 
 #include <cstdio>
+#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -220,10 +221,17 @@ std::string KorvelScript::normalisePath(std::string_view path) {
 
 std::string KorvelScript::resolvePath(std::string_view path) const {
     std::string normalised = normalisePath(path);
-    if (!normalised.empty() && normalised[0] == '/') return normalised;
+    bool driveLetter = normalised.size() >= 3 && std::isalpha(static_cast<unsigned char>(normalised[0])) &&
+                       normalised[1] == ':' && normalised[2] == '/';
+    if ((!normalised.empty() && normalised[0] == '/') || driveLetter) return normalised;
     const Interpreter& vm = m_impl->vm;
     std::vector<std::string> candidates;
-    if (!vm.scriptDirectories.empty()) candidates.push_back(vm.scriptDirectories.back() + normalised);
+    if (!vm.scriptDirectories.empty()) {
+        // A host may give a directory without its trailing separator.
+        const std::string& directory = vm.scriptDirectories.back();
+        bool separated = directory.empty() || directory.back() == '/' || directory.back() == '\\';
+        candidates.push_back(directory + (separated ? "" : "/") + normalised);
+    }
     candidates.push_back(normalised);
     candidates.push_back("scripts/" + normalised);
     for (const std::string& candidate : candidates) {

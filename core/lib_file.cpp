@@ -5,7 +5,7 @@
 // interpreter goes away: no FILE or pipe outlives the script that opened it.
 #include "core/library_internal.h"
 
-#include "platform/process.h"
+#include "platform/host_platform.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,73 +18,50 @@ namespace {
 
 constexpr std::size_t kReadChunk = 65536;
 
+// A file from io.open or a pipe from io.popen; both are C streams, a pipe only differs in how
+// it is closed (the command is waited for) and in that each write goes out at once, so a
+// command sees its input as the script writes it.
 class FileStream {
 public:
-    FileStream(std::FILE* file, bool readable, bool writable)
-        : m_file(file), m_readable(readable), m_writable(writable) {}
-    FileStream(KorvelProcess* process, bool writable)
-        : m_process(process), m_readable(!writable), m_writable(writable) {}
+    enum class Kind { File, Pipe };
+
+    FileStream(std::FILE* file, Kind kind, bool readable, bool writable)
+        : m_file(file), m_kind(kind), m_readable(readable), m_writable(writable) {}
     ~FileStream() { close(); }
     FileStream(const FileStream&) = delete;
     FileStream& operator=(const FileStream&) = delete;
 
-    bool isOpen() const { return m_file || m_process; }
-    bool isProcess() const { return m_process != nullptr; }
+    bool isOpen() const { return m_file != nullptr; }
+    bool isProcess() const { return m_kind == Kind::Pipe; }
     bool readable() const { return m_readable; }
     bool writable() const { return m_writable; }
 
     // The next byte, or EOF.
     int get() {
-        if (m_file) {
-            prepare(Direction::Reading);
-            return std::getc(m_file);
-        }
-        if (m_bufferAt == m_buffer.size() && !fill()) return EOF;
-        return static_cast<unsigned char>(m_buffer[m_bufferAt++]);
+        prepare(Direction::Reading);
+        return std::getc(m_file);
     }
     int peek() {
-        if (m_file) {
-            int c = get();
-            if (c != EOF) std::ungetc(c, m_file);
-            return c;
-        }
-        if (m_bufferAt == m_buffer.size() && !fill()) return EOF;
-        return static_cast<unsigned char>(m_buffer[m_bufferAt]);
+        int c = get();
+        if (c != EOF) std::ungetc(c, m_file);
+        return c;
     }
     // Up to size bytes; fewer only at the end.
     std::size_t read(char* out, std::size_t size) {
-        if (m_file) {
-            prepare(Direction::Reading);
-            return std::fread(out, 1, size, m_file);
-        }
-        std::size_t done = 0;
-        while (done < size) {
-            if (m_bufferAt == m_buffer.size() && !fill()) break;
-            std::size_t take = std::min(size - done, m_buffer.size() - m_bufferAt);
-            std::memcpy(out + done, m_buffer.data() + m_bufferAt, take);
-            m_bufferAt += take;
-            done += take;
-        }
-        return done;
+        prepare(Direction::Reading);
+        return std::fread(out, 1, size, m_file);
     }
     bool write(std::string_view bytes) {
-        if (m_file) {
-            prepare(Direction::Writing);
-            return std::fwrite(bytes.data(), 1, bytes.size(), m_file) == bytes.size();
-        }
-        return korvel_process_write(m_process, bytes.data(), bytes.size()) == bytes.size();
+        prepare(Direction::Writing);
+        bool written = std::fwrite(bytes.data(), 1, bytes.size(), m_file) == bytes.size();
+        if (m_kind == Kind::Pipe) written = std::fflush(m_file) == 0 && written;
+        return written;
     }
     // Closes the stream. Files give 0 on success; processes their exit code (or -1).
     int close() {
-        int result = 0;
-        if (m_file) {
-            result = std::fclose(m_file) == 0 ? 0 : -1;
-            m_file = nullptr;
-        }
-        if (m_process) {
-            result = korvel_pclose(m_process);
-            m_process = nullptr;
-        }
+        if (!m_file) return 0;
+        int result = m_kind == Kind::Pipe ? wm_windows_pclose(m_file) : (std::fclose(m_file) == 0 ? 0 : -1);
+        m_file = nullptr;
         return result;
     }
 
@@ -96,21 +73,12 @@ private:
         if (m_direction != Direction::None && m_direction != direction) std::fseek(m_file, 0, SEEK_CUR);
         m_direction = direction;
     }
-    bool fill() {
-        m_buffer.resize(kReadChunk);
-        std::size_t count = korvel_process_read(m_process, m_buffer.data(), m_buffer.size());
-        m_buffer.resize(count);
-        m_bufferAt = 0;
-        return count > 0;
-    }
 
     std::FILE* m_file = nullptr;
-    KorvelProcess* m_process = nullptr;
+    Kind m_kind = Kind::File;
     bool m_readable = false;
     bool m_writable = false;
     Direction m_direction = Direction::None;
-    std::string m_buffer;  // a process's output read ahead
-    std::size_t m_bufferAt = 0;
 };
 
 [[noreturn]] void tooLarge() { throw ScriptError("file['read']: result is too large"); }
@@ -303,7 +271,8 @@ void Interpreter::registerFileLibrary() {
         std::FILE* file = std::fopen(path.c_str(), mode.c_str());
         if (!file) return failure(path + ": " + std::strerror(errno));
         bool update = mode.find('+') != std::string::npos;
-        auto stream = std::make_shared<FileStream>(file, mode[0] == 'r' || update, mode[0] != 'r' || update);
+        auto stream = std::make_shared<FileStream>(file, FileStream::Kind::File, mode[0] == 'r' || update,
+                                                   mode[0] != 'r' || update);
         return makeHandle(*this, stream);
     });
     lib.member(io, "io", "popen", [this](const Args& args) {
@@ -312,9 +281,11 @@ void Interpreter::registerFileLibrary() {
         if (args.empty() || args.size() > 2 || args[0].type() != VarType::String || !modeArgument(args, mode))
             throw ScriptError("io['popen'](path[, mode]) requires a path string");
         if (mode != "r" && mode != "w") throw ScriptError("io['popen']: invalid mode '" + mode + "'");
-        KorvelProcess* process = korvel_popen(args[0].asString().c_str(), mode.c_str());
-        if (!process) return failure("cannot run command: " + args[0].asString());
-        return makeHandle(*this, std::make_shared<FileStream>(process, mode == "w"));
+        std::fflush(nullptr);  // what the script wrote so far comes before the command's output
+        std::FILE* pipe = wm_windows_popen(args[0].asString().c_str(), mode.c_str());
+        if (!pipe) return failure("cannot run command: " + args[0].asString());
+        bool writing = mode == "w";
+        return makeHandle(*this, std::make_shared<FileStream>(pipe, FileStream::Kind::Pipe, !writing, writing));
     });
 }
 

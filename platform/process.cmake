@@ -1,12 +1,6 @@
-# The shell-pipe layer behind io.popen (platform/process.h), one backend per platform.
+# The shell-pipe layer (platform/host_platform.h) lives in korvel_platform, with a backend for
+# each platform; korvel_process remains as the name targets link against.
 if(NOT TARGET korvel_process)
-  if(WIN32)
-    message(FATAL_ERROR "korvel_process: the Windows backend is not written yet")
-  endif()
-  add_library(korvel_process STATIC ${CMAKE_CURRENT_LIST_DIR}/posix/posix_process.cpp)
-  target_include_directories(korvel_process PUBLIC ${PROJECT_SOURCE_DIR})
-  korvel_warnings(korvel_process)
-  if(KORVEL_FUZZ)
-    target_compile_options(korvel_process PRIVATE -fsanitize=fuzzer-no-link,address,undefined)
-  endif()
+  add_library(korvel_process INTERFACE)
+  target_link_libraries(korvel_process INTERFACE korvel_platform)
 endif()

@@ -2,8 +2,14 @@
 # Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
 # engine. Does nothing when they are all present.
 set -euo pipefail
-packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time
-          libsdl2-dev xvfb xauth xdotool x11-apps x11-utils imagemagick)
+packages=(
+  cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache  # building and testing
+  lua5.4 hyperfine time                                                               # benchmark peers and timing
+  libpixman-1-dev                                                                     # image benchmark peer
+  sox libsndfile1-dev                                                                 # WAV test files and reference reader
+  libsdl2-dev                                                                         # the window layer on Linux
+  xvfb xauth xdotool x11-apps x11-utils imagemagick                                   # real-window tests: display, input, screenshots
+)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
