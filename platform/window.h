@@ -51,6 +51,8 @@ void wm_setWindowSize(WmWindow* window, int width, int height);
 // and marks the window for recomposition when it differs from the image shown. A null block
 // or a size below 1 removes the image (the window shows its clear colour).
 void wm_pushPixels(WmWindow* window, int width, int height, const std::uint8_t* rgba);
+// The same for a Mirel image: its pixels and size (an empty image removes the picture).
+void wm_pushImage(WmWindow* window, const quillfen::MirelImage& image);
 // Sets the colour of the letterbox bars and of the background under transparent pixels.
 void wm_clearWindow(WmWindow* window, std::uint8_t red, std::uint8_t green, std::uint8_t blue);
 // Handles every pending window message, then recomposes and shows the back buffer if
@@ -63,6 +65,9 @@ bool wm_windowShouldClose(WmWindow* window);
 // The window's current picture (the composed back buffer, client size, alpha 255): fills
 // width, height and rgba and returns true; false (outputs untouched) for a null window.
 bool wm_capturePixels(WmWindow* window, int* width, int* height, std::vector<std::uint8_t>* rgba);
+// The same as a new live image (registered in the live-image registry, owned by the script
+// that frees it); null for a null window or when memory runs out.
+quillfen::MirelImage* wm_captureWindow(WmWindow* window);
 
 // The pointer in the coordinates of the pushed image (the game's logical screen), clamped to
 // it; both -1 for a null window. Either pointer may be null.
