@@ -32,8 +32,8 @@ void publishInputGlobals();  // into the host's engine
 // engine, returns nothing.
 Variable updateInput(const Arguments& args);
 
-// The largest window side a script may ask for: a larger request is refused rather than
-// allowed to try to allocate a back buffer of many gigabytes.
+// The largest window side a script may ask for (the window layer's limit); a larger request
+// is refused with an error rather than quietly made smaller.
 inline constexpr int kMaxWindowSide = 16384;
 
 }  // namespace quillfen

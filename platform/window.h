@@ -28,7 +28,7 @@ namespace quillfen {
 struct MirelImage;
 }
 
-// Creates and shows a window whose client area is width × height (each raised to at least 1),
+// Creates and shows a window whose client area is width × height (each held to [1, 16384]),
 // centred on the primary screen, titled `title` (empty when null). Null when the platform
 // cannot make one; nothing is leaked then. The window becomes the current window.
 WmWindow* wm_createWindow(int width, int height, const char* title);

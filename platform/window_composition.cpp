@@ -14,6 +14,9 @@ WindowState* g_currentWindow = nullptr;
 
 std::int32_t atLeastOne(std::int32_t value) { return value < 1 ? 1 : value; }
 
+// A window side inside [1, kMaxWindowSide].
+std::int32_t windowSide(std::int32_t value) { return std::clamp(value, 1, kMaxWindowSide); }
+
 inline std::uint32_t clearWordOf(const WindowState& state) {
     return (std::uint32_t{state.clearRed} << 16) | (std::uint32_t{state.clearGreen} << 8) | state.clearBlue;
 }
@@ -69,8 +72,8 @@ std::int32_t mapAxis(std::int32_t local, std::int32_t drawn, std::int32_t logica
 
 void initialiseWindowState(WindowState& state, int width, int height, const char* title) {
     state = WindowState{};
-    state.clientWidth = state.requestedWidth = atLeastOne(width);
-    state.clientHeight = state.requestedHeight = atLeastOne(height);
+    state.clientWidth = state.requestedWidth = windowSide(width);
+    state.clientHeight = state.requestedHeight = windowSide(height);
     state.title = title ? title : "";
     sizeBackBuffer(state, state.clientWidth, state.clientHeight);
     state.dirty = true;
@@ -211,8 +214,8 @@ void setClearColour(WindowState& state, std::uint8_t red, std::uint8_t green, st
 }
 
 void resizeClient(WindowState& state, std::int32_t width, std::int32_t height) {
-    width = atLeastOne(width);
-    height = atLeastOne(height);
+    width = windowSide(width);
+    height = windowSide(height);
     if (width != state.clientWidth || height != state.clientHeight) {
         state.clientWidth = width;
         state.clientHeight = height;

@@ -33,9 +33,13 @@ struct WindowState {
     bool dirty = true;                                      // recompose before the next screen copy
 };
 
+// The largest window side the layer handles; larger requests are held to it, so no request can
+// make the back buffer try to take gigabytes.
+inline constexpr std::int32_t kMaxWindowSide = 16384;
+
 enum MouseButton { kLeftButton = 0, kRightButton = 1, kMiddleButton = 2 };
 
-// A fresh state for a window asked to be width × height (each at least 1) with that title
+// A fresh state for a window asked to be width × height (each in [1, kMaxWindowSide]) with that title
 // (empty when null): client and requested size both that size, dirty, buffers sized.
 void initialiseWindowState(WindowState& state, int width, int height, const char* title);
 
@@ -65,7 +69,7 @@ const std::vector<std::uint8_t>& backBufferRgba(WindowState& state);
 void pushPixels(WindowState& state, std::int32_t width, std::int32_t height, const std::uint8_t* rgba);
 // A new clear colour; dirty when it differs.
 void setClearColour(WindowState& state, std::uint8_t red, std::uint8_t green, std::uint8_t blue);
-// A size message: zero dimensions become 1; the buffers follow a changed size; dirty either way.
+// A size message: sides are held to [1, kMaxWindowSide]; the buffers follow a changed size; dirty either way.
 void resizeClient(WindowState& state, std::int32_t width, std::int32_t height);
 
 // The pointer at client position (x, y) in logical coordinates (the pushed image's size, or the

@@ -60,6 +60,24 @@ sys.exit(1 if bad else 0)
 PY
 }
 
+# check_resized RGB_FILE: the probe's picture in an 800 x 400 client area: 640 x 400 from x = 80.
+check_resized() {
+  python3 - "$1" <<'PY'
+import sys
+data = open(sys.argv[1], "rb").read()
+expect = [(40, 200, (0, 0, 255)), (79, 0, (0, 0, 255)), (720, 399, (0, 0, 255)), (80, 0, (255, 0, 0)),
+          (399, 399, (255, 0, 0)), (400, 0, (0, 255, 0)), (719, 399, (0, 255, 0)), (82, 2, (255, 255, 255))]
+bad = 0
+for x, y, colour in expect:
+    at = (y * 800 + x) * 3
+    got = tuple(data[at:at + 3])
+    if got != colour:
+        bad += 1
+        print(f"  pixel {x},{y}: expected {colour}, screen shows {got}")
+sys.exit(1 if bad else 0)
+PY
+}
+
 # drive_probe_window LOG PID: every check of a running probe whose report goes to LOG, from
 # its first picture to its exit after the close request. Needs DISPLAY, xdotool, xwd, convert.
 # Without a window manager the X window of the probe is exactly its client area.
@@ -133,6 +151,21 @@ drive_probe_window() {
   mark "$log"
   xdotool mouseup 2
   check "middle button up" wait_for "$log" "INPUT 160 100 0 0 0 keys="
+
+  # Resizing through the layer (F2 in the probe): 800 x 400 puts the picture, scaled by 2,
+  # between 80-pixel bars at the sides.
+  mark "$log"
+  xdotool key F2
+  check "window resized to 800 x 400" wait_for "$log" "SIZE 800 400"
+  sleep 0.3
+  xwd -id "$window" -silent > "$shots/resized.xwd"
+  convert "$shots/resized.xwd" -depth 8 "rgb:$shots/resized.rgb"
+  size="$(convert "$shots/resized.xwd" -format '%w %h' info:)"
+  check "screenshot after resizing is 800 x 400" test "$size" = "800 400"
+  check "picture between side bars after resizing" check_resized "$shots/resized.rgb"
+  mark "$log"
+  xdotool mousemove --window "$window" 10 200
+  check "pointer over a side bar clamps to the left edge" wait_for "$log" "INPUT 0 100 0 0 0 keys="
 
   # Close: the window manager's close message raises the flag; the window stays until the
   # program destroys it.

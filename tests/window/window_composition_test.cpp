@@ -50,6 +50,9 @@ TEST(WindowState, ZeroSizeWindowHasOnePixelClientArea) {
     EXPECT_EQ(state.clientHeight, 1);
     EXPECT_EQ(state.requestedWidth, 1);
     EXPECT_EQ(state.backBufferWords.size(), 1u);
+    WindowState huge = windowOf(100000, 2);
+    EXPECT_EQ(huge.clientWidth, wm::kMaxWindowSide);
+    EXPECT_EQ(huge.requestedWidth, wm::kMaxWindowSide);
     wm::resizeClient(state, 0, 7);
     EXPECT_EQ(state.clientWidth, 1);
     EXPECT_EQ(state.clientHeight, 7);

@@ -3,9 +3,11 @@
 // on standard output what the window layer sees, one line per change:
 //   READY <title>                   the picture is on screen
 //   INPUT <x> <y> <left> <right> <middle> keys=<hex codes down>
+//   SIZE <width> <height>           the client size, at start and after every change
 //   CLOSE 1                         the close flag went up
 //   STILL_CLOSED 1 WINDOW_KEPT 1    a second later the flag and the window are still there
-// It gives up after 60 seconds. Only platform/window.h is used, so the same source runs on
+// Pressing F2 asks for an 800 × 400 client area through wm_setWindowSize. It gives up after
+// 60 seconds. Only platform/window.h is used, so the same source runs on
 // every backend.
 #include "platform/window.h"
 
@@ -83,12 +85,24 @@ int main() {
     say(std::string("READY ") + wm_getWindowTitle(window));
 
     std::string last;
+    int lastWidth = width, lastHeight = height;
+    bool resized = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (std::chrono::steady_clock::now() < deadline) {
         wm_pushPixels(window, 320, 200, picture.data());  // as a game does every frame
         wm_updateWindow(window);
         const std::string line = inputLine(window);
         if (line != last) say(last = line);
+        if (!resized && wm_keyboardState()[0x71]) {  // F2
+            resized = true;
+            wm_setWindowSize(window, 800, 400);
+        }
+        wm_getWindowSize(window, &width, &height);
+        if (width != lastWidth || height != lastHeight) {
+            lastWidth = width;
+            lastHeight = height;
+            say("SIZE " + std::to_string(width) + " " + std::to_string(height));
+        }
         if (wm_windowShouldClose(window)) {
             say("CLOSE 1");
             for (int frame = 0; frame < 50; ++frame) {
