@@ -65,6 +65,8 @@ struct LetterboxCase {
     wm::Letterbox expected;
 };
 
+void PrintTo(const LetterboxCase& c, std::ostream* out) { *out << c.name; }
+
 class Letterboxing : public ::testing::TestWithParam<LetterboxCase> {};
 
 TEST_P(Letterboxing, PlacesTheScaledPicture) {
@@ -120,6 +122,8 @@ struct AlphaCase {
     std::uint8_t alpha;
     Rgb expected;  // over the clear colour (200, 100, 0) with source (0, 50, 255)
 };
+
+void PrintTo(const AlphaCase& c, std::ostream* out) { *out << c.name; }
 
 class AlphaRule : public ::testing::TestWithParam<AlphaCase> {};
 
@@ -229,6 +233,8 @@ struct MouseCase {
     int clientX, clientY;
     int expectedX, expectedY;
 };
+
+void PrintTo(const MouseCase& c, std::ostream* out) { *out << c.name; }
 
 class MouseMapping : public ::testing::TestWithParam<MouseCase> {};
 
