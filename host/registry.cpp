@@ -3,6 +3,7 @@
 // subsystem behind it is part of the engine.
 #include "host/registry.h"
 
+#include "graphics/mirel_bindings.h"
 #include "host/bindings.h"
 #include "host/globals.h"
 #include "host/host.h"
@@ -12,6 +13,7 @@ namespace quillfen {
 
 void registerFunctionsInto(korvel::KorvelScript& target) {
     makeModule(target, "Korvel", korvelModuleEntries(target));
+    makeModule(target, "Mirel", mirelModuleEntries());
 
     registerGlobalHelpers(target);
     publishGlobals(target);
