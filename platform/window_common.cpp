@@ -2,7 +2,6 @@
 // window state, and the backend shows the result at its next wm_updateWindow.
 #include "platform/window_internal.h"
 
-#include <algorithm>
 
 namespace {
 
