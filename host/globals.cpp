@@ -5,6 +5,7 @@
 #include "lua/lua_version.h"
 #include "platform/audio_output.h"
 #include "platform/host_platform.h"
+#include "platform/window.h"
 
 #include <string>
 
@@ -33,15 +34,13 @@ void publishFlags(korvel::KorvelScript& target, std::initializer_list<const char
     for (const char* name : names) target.pushVariable(name, Variable(value));
 }
 
-// The engine has no Metal or Quartz window on any platform it runs on.
-constexpr bool kHasMetalWindow = false;
-constexpr bool kHasQuartzWindow = false;
-
 }  // namespace
 
+// METAL_ENABLED is the window layer's answer: the Metal module is the window module on every
+// platform, so scripts see true wherever a window can be opened.
 void publishGlobals(korvel::KorvelScript& target) {
-    target.pushVariable("METAL_ENABLED", Variable(kHasMetalWindow));
-    target.pushVariable("QUARTZ_ENABLED", Variable(kHasQuartzWindow));
+    target.pushVariable("METAL_ENABLED", Variable(wm_has_metal_window()));
+    target.pushVariable("QUARTZ_ENABLED", Variable(wm_has_quartz_window()));
     target.pushVariable("MIXER_ENABLED", Variable(wm_has_mixer()));
     target.pushVariable("KORVELSCRIPT_ENABLED", Variable(true));
     target.pushVariable("MIXER_SKIP_SLIDE", Variable(false));

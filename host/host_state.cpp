@@ -8,5 +8,6 @@ const HostClock::time_point hostStartTime = HostClock::now();
 HostClock::time_point lastFrameTime = hostStartTime;
 korvel::KorvelScript engine;
 std::string path = "./";
+WmWindow* win = nullptr;
 
 }  // namespace quillfen

@@ -9,10 +9,13 @@
 #include "host/globals.h"
 #include "host/host.h"
 #include "host/korvel_module.h"
+#include "host/metal_module.h"
 
 namespace quillfen {
 
 void registerFunctionsInto(korvel::KorvelScript& target) {
+    makeModule(target, "Metal", metalModuleEntries(target));
+    makeModule(target, "Sailfish", sailfishModuleEntries());
     makeModule(target, "Korvel", korvelModuleEntries(target));
     makeModule(target, "Audio", audioModuleEntries());
     makeModule(target, "Mirel", mirelModuleEntries());

@@ -65,6 +65,11 @@ int runQuillfen(int argc, const char* const* argv) {
         std::fflush(stderr);
         status = 1;
     }
+    // A game that returns with its window open leaves it to the host.
+    if (win) {
+        wm_destroyWindow(win);
+        win = nullptr;
+    }
     return status;
 }
 

@@ -7,8 +7,9 @@ packages=(
   lua5.4 hyperfine time                                                               # benchmark peers and timing
   libpixman-1-dev                                                                     # image benchmark peer
   sox libsndfile1-dev                                                                 # WAV test files and reference reader
-  libsdl2-dev libmpg123-dev lame                                                      # sound output, MP3 decoding, MP3 test files
-  imagemagick libpng-dev                                                              # image test files and reference reader, PNG benchmark peer
+  libsdl2-dev libmpg123-dev lame                                                      # window and sound on Linux, MP3 decoding, MP3 test files
+  libpng-dev                                                                          # PNG benchmark peer
+  xvfb xauth xdotool x11-apps x11-utils imagemagick                                   # real-window tests (display, input, screenshots), image test files
 )
 missing=()
 for p in "${packages[@]}"; do

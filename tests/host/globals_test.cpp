@@ -17,7 +17,7 @@ TEST(Globals, ConstantsHaveTheirKindsAndValues) {
         const char* name;
         const char* printed;  // typeOf and value
     } cases[] = {
-        {"METAL_ENABLED", "bool false"},
+        {"METAL_ENABLED", "bool true"},
         {"QUARTZ_ENABLED", "bool false"},
         {"KORVELSCRIPT_ENABLED", "bool true"},
         {"MIXER_SKIP_SLIDE", "bool false"},
