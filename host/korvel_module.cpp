@@ -139,6 +139,7 @@ std::vector<ModuleEntry> korvelModuleEntries(korvel::KorvelScript& target) {
          [](const Arguments& args) {
              static constexpr std::string_view name = "Korvel.sleep";
              double milliseconds = numericValue(requireArg(args, 0, name), name, "milliseconds");
+             std::fflush(stdout);  // a waiting game's output is not held back
              if (milliseconds > 0) wm_sleep_ms(static_cast<unsigned>(std::min(milliseconds, 4294967295.0)));
              return Variable();
          }},

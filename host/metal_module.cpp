@@ -152,6 +152,9 @@ constexpr KeyGlobal kEditingKeys[] = {
 const InputSample& lastInputSample() { return g_lastSample; }
 
 void publishInputGlobals(korvel::KorvelScript& target) {
+    // Once a frame, what the game printed reaches the console even when standard output is a
+    // pipe or a file (where it is otherwise held until the buffer fills).
+    target.flushOutput();
     wm_updateKeyboardState();
     InputSample sample;
     if (win) {
