@@ -74,7 +74,8 @@ bool writeFileAtomically(const std::string& path, const std::vector<std::uint8_t
     long long failAfter = g_failAfterBytes.load();
     bool simulatedFailure = failAfter >= 0 && static_cast<unsigned long long>(failAfter) < wanted;
     if (simulatedFailure) wanted = static_cast<std::size_t>(failAfter);
-    bool ok = std::fwrite(bytes.data(), 1, wanted, file) == wanted && !simulatedFailure;
+    // An empty file is written by writing nothing (fwrite of an empty vector's null data is not allowed).
+    bool ok = (wanted == 0 || std::fwrite(bytes.data(), 1, wanted, file) == wanted) && !simulatedFailure;
     if (!ok) error = simulatedFailure ? "No space left on device" : std::strerror(errno);
     if (ok && !flushToDisk(file)) {
         ok = false;
