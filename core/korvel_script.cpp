@@ -3,6 +3,7 @@
 
 #include "core/interpreter_internal.h"
 
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -41,7 +42,7 @@ void Interpreter::write(std::string_view text) {
 
 Variable Interpreter::runChunk(const std::shared_ptr<Chunk>& chunk) {
     FunctionProto& top = *chunk->protos.front();
-    std::size_t mark = 0;
+    StackMark mark = 0;
     Variable* slots = valueStack.push(top.slotNames.size(), mark);
     for (std::size_t i = 0; i < top.slotNames.size(); ++i) slots[i] = Variable::unset();
     return callScript(top, slots, mark);
@@ -218,9 +219,25 @@ std::string KorvelScript::normalisePath(std::string_view path) {
     return out;
 }
 
+namespace {
+
+// "/x" everywhere, and on Windows also a drive's root ("C:/x", after normalising): such paths
+// are not looked up below the running script's directory.
+bool isAbsolutePath(std::string_view normalised) {
+    if (!normalised.empty() && normalised[0] == '/') return true;
+#if defined(_WIN32)
+    if (normalised.size() >= 3 && std::isalpha(static_cast<unsigned char>(normalised[0])) && normalised[1] == ':' &&
+        normalised[2] == '/')
+        return true;
+#endif
+    return false;
+}
+
+}  // namespace
+
 std::string KorvelScript::resolvePath(std::string_view path) const {
     std::string normalised = normalisePath(path);
-    if (!normalised.empty() && normalised[0] == '/') return normalised;
+    if (isAbsolutePath(normalised)) return normalised;
     const Interpreter& vm = m_impl->vm;
     std::vector<std::string> candidates;
     if (!vm.scriptDirectories.empty()) candidates.push_back(vm.scriptDirectories.back() + normalised);

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
-# engine. Does nothing when they are all present.
+# engine, and to cross-build it for Windows and run those tests under wine64 (headless, in
+# Xvfb). Does nothing when they are all present.
 set -euo pipefail
-packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time)
+packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time
+  g++-mingw-w64-x86-64 g++-mingw-w64-i686 wine64 xvfb xauth file)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
