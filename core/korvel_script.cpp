@@ -3,8 +3,8 @@
 
 #include "core/interpreter_internal.h"
 
-#include <cctype>
 #include <cstdio>
+#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -42,7 +42,7 @@ void Interpreter::write(std::string_view text) {
 
 Variable Interpreter::runChunk(const std::shared_ptr<Chunk>& chunk) {
     FunctionProto& top = *chunk->protos.front();
-    StackMark mark = 0;
+    std::size_t mark = 0;
     Variable* slots = valueStack.push(top.slotNames.size(), mark);
     for (std::size_t i = 0; i < top.slotNames.size(); ++i) slots[i] = Variable::unset();
     return callScript(top, slots, mark);
@@ -219,28 +219,19 @@ std::string KorvelScript::normalisePath(std::string_view path) {
     return out;
 }
 
-namespace {
-
-// "/x" everywhere, and on Windows also a drive's root ("C:/x", after normalising): such paths
-// are not looked up below the running script's directory.
-bool isAbsolutePath(std::string_view normalised) {
-    if (!normalised.empty() && normalised[0] == '/') return true;
-#if defined(_WIN32)
-    if (normalised.size() >= 3 && std::isalpha(static_cast<unsigned char>(normalised[0])) && normalised[1] == ':' &&
-        normalised[2] == '/')
-        return true;
-#endif
-    return false;
-}
-
-}  // namespace
-
 std::string KorvelScript::resolvePath(std::string_view path) const {
     std::string normalised = normalisePath(path);
-    if (isAbsolutePath(normalised)) return normalised;
+    bool driveLetter = normalised.size() >= 3 && std::isalpha(static_cast<unsigned char>(normalised[0])) &&
+                       normalised[1] == ':' && normalised[2] == '/';
+    if ((!normalised.empty() && normalised[0] == '/') || driveLetter) return normalised;
     const Interpreter& vm = m_impl->vm;
     std::vector<std::string> candidates;
-    if (!vm.scriptDirectories.empty()) candidates.push_back(vm.scriptDirectories.back() + normalised);
+    if (!vm.scriptDirectories.empty()) {
+        // A host may give a directory without its trailing separator.
+        const std::string& directory = vm.scriptDirectories.back();
+        bool separated = directory.empty() || directory.back() == '/' || directory.back() == '\\';
+        candidates.push_back(directory + (separated ? "" : "/") + normalised);
+    }
     candidates.push_back(normalised);
     candidates.push_back("scripts/" + normalised);
     for (const std::string& candidate : candidates) {

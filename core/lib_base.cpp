@@ -33,6 +33,18 @@ Variable parseNumberText(std::string_view text, int base) {
 
 namespace {
 
+// What pcall and xpcall return when the call succeeds: true, then the call's results.
+Variable succeededWith(Variable result) {
+    std::vector<Variable> values{Variable(true)};
+    if (result.type() == VarType::MultiValue) {
+        for (const Variable& v : result.multiValues()) values.push_back(v);
+    } else {
+        values.push_back(std::move(result));
+    }
+    return Variable::makeMulti(std::move(values));
+}
+
+
 // A compiled chunk as a function value; it takes no arguments when called.
 Variable chunkFunction(const std::shared_ptr<Chunk>& chunk, const std::string& name) {
     auto* callable = new ScriptCallable;
@@ -88,17 +100,30 @@ void Interpreter::registerBaseLibrary() {
         std::vector<Variable> rest(args.begin() + 1, args.end());
         try {
             Variable result = vm.call(args[0], rest);
-            std::vector<Variable> values{Variable(true)};
-            if (result.type() == VarType::MultiValue) {
-                for (const Variable& v : result.multiValues()) values.push_back(v);
-            } else {
-                values.push_back(std::move(result));
-            }
-            return Variable::makeMulti(std::move(values));
+            return succeededWith(std::move(result));
         } catch (const ScriptError& error) {
             Variable message = error.hasValue() ? error.value() : Variable(std::string(error.what()));
             return Variable::makeMulti(std::vector<Variable>{Variable(false), std::move(message)});
         }
+    });
+    // xpcall(f, handler, args...): like pcall, but on an error the handler is called with the
+    // message (or error's value) and the full report a failing script would print (error line,
+    // location, source line, caret, hint); xpcall then returns false and what the handler returns.
+    lib.global("xpcall", [this](const Args& args) {
+        if (args.size() < 2 || args[0].type() != VarType::Function || args[1].type() != VarType::Function)
+            throw ScriptError("xpcall(f, handler, ...) requires two callable values");
+        std::vector<Variable> rest(args.begin() + 2, args.end());
+        Variable message;
+        std::string report;
+        try {
+            Variable result = call(args[0], rest);
+            return succeededWith(std::move(result));
+        } catch (const ScriptError& error) {
+            message = error.hasValue() ? error.value() : Variable(std::string(error.what()));
+            report = error.located() ? error.report() : "KorvelScript error: " + std::string(error.what()) + "\n";
+        }
+        Variable handled = call(args[1], std::vector<Variable>{message, Variable(std::move(report))});
+        return Variable::makeMulti(std::vector<Variable>{Variable(false), std::move(handled)});
     });
     lib.builtin(BuiltinId::Error, "error", [](Interpreter&, Arguments args) -> Variable {
         Variable value = args.empty() ? Variable() : args[0];

@@ -1,4 +1,5 @@
 // Base library (print, type, pcall, pairs, ...), the shared argument checks and the binding helpers.
+#include "lua_version.h"
 #include "vm_internal.h"
 
 #include <algorithm>
@@ -221,7 +222,7 @@ void bindBaseLibrary(Impl& vm) {
         std::fwrite(line.data(), 1, line.size(), stdout);
         return LuaValue();
     });
-    vm.m_globals.at(vm.m_globals.resolveGlobalSlot("_VERSION")) = Value::string("KorvelLua 0.3");
+    vm.m_globals.at(vm.m_globals.resolveGlobalSlot("_VERSION")) = Value::string(kVersionText);
 
     vm.bindNativeGlobal("tostring", [](Impl& self, ValueSpan arguments, std::uint32_t) {
         requireArgumentCount(self, "tostring", arguments.size(), 1, kNoMaximum);

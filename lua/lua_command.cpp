@@ -1,6 +1,7 @@
 // korvel-lua / "korvel lua": argument handling around LuaVM::runScriptFile.
 #include "lua_command.h"
 
+#include "lua_version.h"
 #include "lua_vm.h"
 
 #include <cstdio>
@@ -11,7 +12,6 @@ namespace korvel::lua {
 
 namespace {
 
-constexpr const char* kVersionText = "KorvelLua 0.3";
 
 void printUsage(std::FILE* stream, const char* program) {
     std::fprintf(stream,

@@ -3,8 +3,13 @@
 # engine, and to cross-build it for Windows and run those tests under wine64 (headless, in
 # Xvfb). Does nothing when they are all present.
 set -euo pipefail
-packages=(cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache lua5.4 hyperfine time
-  g++-mingw-w64-x86-64 g++-mingw-w64-i686 wine64 xvfb xauth file)
+packages=(
+  cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache  # building and testing
+  lua5.4 hyperfine time                                                               # benchmark peers and timing
+  libpixman-1-dev                                                                     # image benchmark peer
+  sox libsndfile1-dev                                                                 # WAV test files and reference reader
+  g++-mingw-w64-x86-64 g++-mingw-w64-i686 wine64 xvfb xauth file                    # Windows builds, their tests
+)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,191 @@
+// Drawing one image onto another: the plain placement (row copies or the blend rule, clipped to
+// both images) and the scaled and turned placement (nearest source pixel for each destination
+// pixel of the turned rectangle's bounding box).
+#include "graphics/mirel_image.h"
+
+#include "graphics/mirel_internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace quillfen {
+
+namespace {
+
+using mirel_detail::blendPixel;
+
+// Work of fewer destination pixels than this is not worth starting threads for.
+constexpr std::int64_t kParallelBlitPixels = 180000;
+constexpr double kRadiansPerDegree = 0.017453292;
+
+#if defined(__SSE2__)
+// x / 255 in each 16-bit lane holding a product of two bytes (the same identity as divideBy255).
+inline __m128i divideLanesBy255(__m128i x) {
+    return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(x, _mm_set1_epi16(1)), _mm_srli_epi16(x, 8)), 8);
+}
+
+// The blend rule for two pixels widened to 16-bit lanes (R G B A R G B A).
+inline __m128i blendTwoPixels(__m128i target, __m128i source) {
+    const __m128i alpha = _mm_shufflehi_epi16(_mm_shufflelo_epi16(source, _MM_SHUFFLE(3, 3, 3, 3)), _MM_SHUFFLE(3, 3, 3, 3));
+    const __m128i inverse = _mm_sub_epi16(_mm_set1_epi16(255), alpha);
+    const __m128i colour = divideLanesBy255(_mm_add_epi16(_mm_mullo_epi16(target, inverse), _mm_mullo_epi16(source, alpha)));
+    const __m128i accumulated = _mm_sub_epi16(_mm_add_epi16(target, alpha), divideLanesBy255(_mm_mullo_epi16(target, alpha)));
+    const __m128i alphaLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
+    return _mm_or_si128(_mm_andnot_si128(alphaLanes, colour), _mm_and_si128(alphaLanes, accumulated));
+}
+#endif
+
+// The blend rule along a run of pixels: four at a time in SSE2 registers where available (the
+// same integer arithmetic, so the same bytes), the rest one by one.
+void blendRow(std::uint8_t* target, const std::uint8_t* source, std::size_t count) {
+    std::size_t index = 0;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    for (; index + 4 <= count; index += 4) {
+        const __m128i from = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + index * 4));
+        const __m128i to = _mm_loadu_si128(reinterpret_cast<const __m128i*>(target + index * 4));
+        const __m128i low = blendTwoPixels(_mm_unpacklo_epi8(to, zero), _mm_unpacklo_epi8(from, zero));
+        const __m128i high = blendTwoPixels(_mm_unpackhi_epi8(to, zero), _mm_unpackhi_epi8(from, zero));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(target + index * 4), _mm_packus_epi16(low, high));
+    }
+#endif
+    for (; index < count; ++index) blendPixel(target + index * 4, source + index * 4);
+}
+
+int blitThreads(std::int64_t rows, std::int64_t columns) {
+    if (rows * columns < kParallelBlitPixels) return 1;
+    return static_cast<int>(std::min<std::int64_t>(mirelThreadCount(), rows));
+}
+
+// The rotation in degrees reduced to [0, 360); values within a hair of 0 or 360 count as none
+// (0 is returned), so that float noise in a script's angle does not switch on the slow path.
+double effectiveRotation(double rotation) {
+    if (!std::isfinite(rotation)) return 0;
+    double reduced = std::fmod(rotation, 360.0);
+    if (reduced < 0) reduced += 360.0;
+    return reduced >= 1e-5 && reduced <= 359.999 ? reduced : 0;
+}
+
+// Scale 1 without rotation: source pixel (part.x + i, part.y + j) lands on (x + i, y + j).
+// Skipping the pixels that fall outside either image is the same as clipping the rectangle, so
+// each visited row is one contiguous run in both images.
+void placeUnscaled(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend) {
+    const std::int64_t firstColumn = std::max<std::int64_t>({0, -static_cast<std::int64_t>(x), -static_cast<std::int64_t>(part.x)});
+    const std::int64_t endColumn = std::min<std::int64_t>({part.width, static_cast<std::int64_t>(target.width) - x,
+                                                           static_cast<std::int64_t>(source.width) - part.x});
+    const std::int64_t firstRow = std::max<std::int64_t>({0, -static_cast<std::int64_t>(y), -static_cast<std::int64_t>(part.y)});
+    const std::int64_t endRow = std::min<std::int64_t>({part.height, static_cast<std::int64_t>(target.height) - y,
+                                                        static_cast<std::int64_t>(source.height) - part.y});
+    if (firstColumn >= endColumn || firstRow >= endRow) return;
+
+    const int columns = static_cast<int>(endColumn - firstColumn);
+    const int rows = static_cast<int>(endRow - firstRow);
+    const int sourceX = static_cast<int>(part.x + firstColumn), sourceY = static_cast<int>(part.y + firstRow);
+    const int targetX = static_cast<int>(x + firstColumn), targetY = static_cast<int>(y + firstRow);
+    const std::size_t rowBytes = static_cast<std::size_t>(columns) * 4;
+
+    auto drawRows = [&](int first, int end) {
+        for (int row = first; row < end; ++row) {
+            const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY + row);
+            std::uint8_t* to = target.pixels.get() + pixelOffset(target, targetX, targetY + row);
+            if (blend == Blend::Copy) {
+                std::memcpy(to, from, rowBytes);
+                continue;
+            }
+            blendRow(to, from, static_cast<std::size_t>(columns));
+        }
+    };
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+}
+
+// The general placement. The scaled rectangle (part.width × scale by part.height × scale) has
+// its top-left corner at (x, y) and turns about its centre. Each destination pixel of the
+// turned rectangle's bounding box takes its centre back through the inverse turn and scale into
+// the part's own coordinates; the pixel whose square holds that point is the nearest one.
+void placeTransformed(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend,
+                      double scale, double rotationDegrees) {
+    const double scaledWidth = part.width * scale, scaledHeight = part.height * scale;
+    const double centreX = x + scaledWidth / 2, centreY = y + scaledHeight / 2;
+    const double angle = rotationDegrees * kRadiansPerDegree;
+    const double cosine = rotationDegrees == 0 ? 1.0 : std::cos(angle);
+    const double sine = rotationDegrees == 0 ? 0.0 : std::sin(angle);
+
+    // Half extents of the turned rectangle's bounding box.
+    const double halfX = std::abs(scaledWidth / 2 * cosine) + std::abs(scaledHeight / 2 * sine);
+    const double halfY = std::abs(scaledWidth / 2 * sine) + std::abs(scaledHeight / 2 * cosine);
+    const double boxLeft = std::max(0.0, std::floor(centreX - halfX));
+    const double boxTop = std::max(0.0, std::floor(centreY - halfY));
+    const double boxRight = std::min(static_cast<double>(target.width), std::ceil(centreX + halfX));
+    const double boxBottom = std::min(static_cast<double>(target.height), std::ceil(centreY + halfY));
+    if (!(boxLeft < boxRight) || !(boxTop < boxBottom)) return;  // also refuses NaN boxes
+
+    const int left = static_cast<int>(boxLeft), top = static_cast<int>(boxTop);
+    const int columns = static_cast<int>(boxRight) - left, rows = static_cast<int>(boxBottom) - top;
+    // Part coordinates of a destination point (px, py):
+    //   u = ((px - cx) cos + (py - cy) sin) / scale + width / 2
+    //   v = (-(px - cx) sin + (py - cy) cos) / scale + height / 2
+    const double stepUx = cosine / scale, stepVx = -sine / scale;
+    const double stepUy = sine / scale, stepVy = cosine / scale;
+
+    auto drawRows = [&](int first, int end) {
+        for (int row = first; row < end; ++row) {
+            const double offsetY = top + row + 0.5 - centreY;
+            const double rowU = offsetY * stepUy + part.width / 2.0;
+            const double rowV = offsetY * stepVy + part.height / 2.0;
+            std::uint8_t* to = target.pixels.get() + pixelOffset(target, left, top + row);
+            for (int column = 0; column < columns; ++column, to += 4) {
+                const double offsetX = left + column + 0.5 - centreX;
+                const double u = rowU + offsetX * stepUx;
+                const double v = rowV + offsetX * stepVx;
+                if (!(u >= 0 && u < part.width && v >= 0 && v < part.height)) continue;
+                // Both are non-negative here, so truncation is the floor: the nearest pixel.
+                const int sourceX = part.x + static_cast<int>(u), sourceY = part.y + static_cast<int>(v);
+                if (sourceX < 0 || sourceY < 0 || sourceX >= source.width || sourceY >= source.height) continue;
+                const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY);
+                if (blend == Blend::Copy) std::memcpy(to, from, 4);
+                else blendPixel(to, from);
+            }
+        }
+    };
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+}
+
+void placeImage(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend,
+                double scale, double rotation) {
+    if (!target.pixels || !source.pixels || target.width <= 0 || target.height <= 0) return;
+    if (part.width <= 0 || part.height <= 0) return;
+    if (scale == 0 || !std::isfinite(scale)) return;
+    const double turn = effectiveRotation(rotation);
+    if (&target == &source) {
+        // Drawing an image onto itself reads from a snapshot, so rows written early are not
+        // read again as source and row copies never overlap.
+        MirelImage snapshot;
+        const std::size_t bytes = pixelOffset(source, 0, source.height);
+        snapshot.pixels = allocatePixels(source.width, source.height);
+        if (!snapshot.pixels) return;
+        std::memcpy(snapshot.pixels.get(), source.pixels.get(), bytes);
+        snapshot.width = source.width;
+        snapshot.height = source.height;
+        placeImage(target, snapshot, part, x, y, blend, scale, rotation);
+        return;
+    }
+    if (scale == 1 && turn == 0) placeUnscaled(target, source, part, x, y, blend);
+    else placeTransformed(target, source, part, x, y, blend, scale, turn);
+}
+
+}  // namespace
+
+void blitImage(MirelImage& target, const MirelImage& source, int x, int y, Blend blend, double scale, double rotation) {
+    placeImage(target, source, SourceRect{0, 0, source.width, source.height}, x, y, blend, scale, rotation);
+}
+
+void blitImageRect(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend, double scale) {
+    placeImage(target, source, part, x, y, blend, scale, 0);
+}
+
+}  // namespace quillfen

@@ -1,0 +1,50 @@
+// Private to graphics/: splitting rows over short-lived worker threads, and the blend rule.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+namespace quillfen::mirel_detail {
+
+// How a row count is divided among threads.
+enum class RowSplit {
+    // ceil(rows / threads) rows each, the last thread taking what remains.
+    Chunked,
+    // rows / threads each, the first (rows mod threads) threads taking one row more.
+    Balanced,
+};
+
+// Runs work(firstRow, endRow) over [0, rows) on `threads` disjoint ranges and returns when all
+// are done. Fewer than 2 threads (or a single row) runs inline. One range runs on the calling
+// thread; if the system refuses a new thread, its range runs inline too, so the work is always
+// complete on return.
+void forEachRowRange(int rows, int threads, RowSplit split, const std::function<void(int, int)>& work);
+
+// The thread setting limited to the row count, at least 1.
+int threadsForRows(int rows);
+
+// A double truncated toward zero to int, saturating at the int range (NaN gives 0).
+int truncateToInt(double value);
+
+// x / 255 for 0 <= x <= 65025 (every product of two bytes), without a division.
+inline std::uint32_t divideBy255(std::uint32_t x) {
+    return (x + 1 + (x >> 8)) >> 8;
+}
+
+// The blend rule for one pixel: alpha 0 leaves the target, 255 copies, anything else mixes the
+// colour channels by alpha (truncating) and accumulates the target alpha. The general formulas
+// give exactly those results at 0 and 255 too, so there is no branch: source alpha is noise
+// to the branch predictor in typical sprites' soft edges. The accumulated alpha never exceeds
+// 255 (its largest value over all byte pairs), so it needs no clamp.
+inline void blendPixel(std::uint8_t* target, const std::uint8_t* source) {
+    const std::uint32_t alpha = source[3], inverse = 255 - alpha;
+    const std::uint32_t targetAlpha = target[3];
+    target[0] = static_cast<std::uint8_t>(divideBy255(target[0] * inverse + source[0] * alpha));
+    target[1] = static_cast<std::uint8_t>(divideBy255(target[1] * inverse + source[1] * alpha));
+    target[2] = static_cast<std::uint8_t>(divideBy255(target[2] * inverse + source[2] * alpha));
+    target[3] = static_cast<std::uint8_t>(targetAlpha + alpha - divideBy255(targetAlpha * alpha));
+}
+
+}  // namespace quillfen::mirel_detail
