@@ -167,22 +167,12 @@ public:
     }
 
 private:
-    // GCC 12 for 32-bit targets reads the payload of a Variable that holds a small integer as a
-    // constant address and warns about the reference count of the "object" there, in a branch
-    // that the type test never takes (-Warray-bounds); the warning is silenced here alone.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Warray-bounds"
-#endif
     void retain() const noexcept {
         if (isHeapType(m_type)) ++m_value.heap->refCount;
     }
     void release() noexcept {
         if (isHeapType(m_type) && --m_value.heap->refCount == 0) destroyHeapObject(m_type, m_value.heap);
     }
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
 
     VarType m_type;
     union Payload {
