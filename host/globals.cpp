@@ -3,6 +3,7 @@
 #include "host/globals.h"
 
 #include "lua/lua_version.h"
+#include "platform/audio_output.h"
 #include "platform/host_platform.h"
 
 #include <string>
@@ -32,18 +33,16 @@ void publishFlags(korvel::KorvelScript& target, std::initializer_list<const char
     for (const char* name : names) target.pushVariable(name, Variable(value));
 }
 
-// The engine has no Metal or Quartz window on any platform it runs on. Sound output arrives
-// with the audio layer, which then reports whether a mixer exists.
+// The engine has no Metal or Quartz window on any platform it runs on.
 constexpr bool kHasMetalWindow = false;
 constexpr bool kHasQuartzWindow = false;
-constexpr bool kHasMixer = false;
 
 }  // namespace
 
 void publishGlobals(korvel::KorvelScript& target) {
     target.pushVariable("METAL_ENABLED", Variable(kHasMetalWindow));
     target.pushVariable("QUARTZ_ENABLED", Variable(kHasQuartzWindow));
-    target.pushVariable("MIXER_ENABLED", Variable(kHasMixer));
+    target.pushVariable("MIXER_ENABLED", Variable(wm_has_mixer()));
     target.pushVariable("KORVELSCRIPT_ENABLED", Variable(true));
     target.pushVariable("MIXER_SKIP_SLIDE", Variable(false));
     target.pushVariable("KORVELBOOT_ENABLED", Variable(false));

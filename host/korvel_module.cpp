@@ -1,8 +1,8 @@
 // The Korvel module and the free global helpers.
 #include "host/korvel_module.h"
 
-#include "core/file_io.h"
 #include "core/script_error.h"
+#include "graphics/runtime_file.h"
 #include "host/host.h"
 #include "platform/host_platform.h"
 
@@ -113,7 +113,7 @@ Variable readFileBinding(const Arguments& args) {
     static constexpr std::string_view name = "Korvel.readFile";
     const std::string& filePath = stringValue(requireArg(args, 0, name), name, "path");
     std::vector<std::uint8_t> bytes;
-    if (!korvel::readFileBytes(korvel::KorvelScript::normalisePath(filePath), bytes))
+    if (!readRuntimeFile(filePath, bytes))
         bindingError(name, "failed to read file: " + filePath);
     return Variable(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }

@@ -3,6 +3,8 @@
 // subsystem behind it is part of the engine.
 #include "host/registry.h"
 
+#include "graphics/mirel_bindings.h"
+#include "host/audio_module.h"
 #include "host/bindings.h"
 #include "host/globals.h"
 #include "host/host.h"
@@ -12,6 +14,8 @@ namespace quillfen {
 
 void registerFunctionsInto(korvel::KorvelScript& target) {
     makeModule(target, "Korvel", korvelModuleEntries(target));
+    makeModule(target, "Audio", audioModuleEntries());
+    makeModule(target, "Mirel", mirelModuleEntries());
 
     registerGlobalHelpers(target);
     publishGlobals(target);

@@ -67,11 +67,12 @@ double readValue(const std::uint8_t* p) {
 // rounds halves up and everything else to nearest, exactly, for any magnitude below 2^52.
 // (Adding 0.5 itself would round 0.5 − 2^−54 up to 1.) Everything is arithmetic or a select:
 // the signs of real sound are a coin toss for a branch predictor.
+// The scale is computed, not looked up, so that loops over samples can be vectorised.
 constexpr double kJustBelowHalf = 0x1.fffffffffffffp-2;
-constexpr double kScaleBySign[2] = {32767.0, 32768.0};
 
 std::int16_t sampleFromMagnitude(double magnitude, std::uint32_t negative) {
-    const int whole = static_cast<int>(magnitude * kScaleBySign[negative] + kJustBelowHalf);
+    const double scale = 32767.0 + static_cast<double>(static_cast<int>(negative));
+    const int whole = static_cast<int>(magnitude * scale + kJustBelowHalf);
     const int sign = -static_cast<int>(negative);  // 0 or all ones
     return static_cast<std::int16_t>((whole ^ sign) - sign);
 }
@@ -82,7 +83,7 @@ std::int16_t sampleFromValue(double value) {
     constexpr std::uint64_t kOne = 0x3FF0000000000000, kInfinity = 0x7FF0000000000000;
     const std::uint64_t bits = std::bit_cast<std::uint64_t>(value);
     std::uint64_t magnitude = bits & ~(std::uint64_t{1} << 63);
-    magnitude = magnitude > kInfinity ? 0 : magnitude;
+    magnitude &= 0 - static_cast<std::uint64_t>(magnitude <= kInfinity);  // a mask, where a select became a branch
     magnitude = magnitude > kOne ? kOne : magnitude;
     return sampleFromMagnitude(std::bit_cast<double>(magnitude), static_cast<std::uint32_t>(bits >> 63));
 }
@@ -91,7 +92,7 @@ std::int16_t sampleFromValue(double value) {
 std::int16_t sampleFromFloat(std::uint32_t bits) {
     constexpr std::uint32_t kOne = 0x3F800000, kInfinity = 0x7F800000;
     std::uint32_t magnitude = bits & 0x7FFFFFFF;
-    magnitude = magnitude > kInfinity ? 0 : magnitude;
+    magnitude &= 0u - static_cast<std::uint32_t>(magnitude <= kInfinity);
     magnitude = magnitude > kOne ? kOne : magnitude;
     return sampleFromMagnitude(std::bit_cast<float>(magnitude), bits >> 31);
 }

@@ -8,6 +8,8 @@ packages=(
   lua5.4 hyperfine time                                                               # benchmark peers and timing
   libpixman-1-dev                                                                     # image benchmark peer
   sox libsndfile1-dev                                                                 # WAV test files and reference reader
+  libsdl2-dev libmpg123-dev lame                                                      # sound output, MP3 decoding, MP3 test files
+  imagemagick libpng-dev                                                              # image test files and reference reader, PNG benchmark peer
   g++-mingw-w64-x86-64 g++-mingw-w64-i686 wine64 xvfb xauth file                    # Windows builds, their tests
 )
 missing=()

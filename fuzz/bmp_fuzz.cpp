@@ -1,0 +1,13 @@
+// BMP files from arbitrary bytes: no crash, hang or unbounded allocation; see image_fuzz_check.h.
+#include "image_fuzz_check.h"
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    wm::png::DecodedImage image;
+    std::string error;
+    const bool decoded = wm::png::decodeBmp(data, size, image, error);
+    checkDecodeResult(decoded, image, error);
+    return 0;
+}
