@@ -48,7 +48,7 @@ struct ArgumentScope {
 // Reserves a callee's slots on the value stack; releases them if the call never starts.
 struct SlotReservation {
     Interpreter& vm;
-    std::size_t mark = 0;
+    StackMark mark = 0;
     Variable* slots = nullptr;
     bool handedOver = false;
     SlotReservation(Interpreter& interpreter, const FunctionProto& proto) : vm(interpreter) {
@@ -536,14 +536,14 @@ Variable Interpreter::callNative(ScriptCallable& callable, const std::vector<Var
     return runNative(*this, [&] { return callable.native(arguments); });
 }
 
-Variable Interpreter::callScript(FunctionProto& proto, Variable* slots, std::size_t mark) {
+Variable Interpreter::callScript(FunctionProto& proto, Variable* slots, StackMark mark) {
     // Undoes everything the call set up, also when an error passes through.
     struct CallFrame {
         Interpreter& vm;
-        std::size_t valueMark;
-        std::size_t loopMark = 0;
+        StackMark valueMark;
+        StackMark loopMark = 0;
         bool loopsPushed = false;
-        CallFrame(Interpreter& interpreter, std::size_t mark) : vm(interpreter), valueMark(mark) {}
+        CallFrame(Interpreter& interpreter, StackMark mark) : vm(interpreter), valueMark(mark) {}
         ~CallFrame() {
             vm.activations.pop_back();
             vm.current = vm.activations.empty() ? nullptr : &vm.activations.back();

@@ -6,12 +6,12 @@
 namespace korvel {
 
 template <typename T>
-T* SegmentedStack<T>::pushSlow(std::size_t count, std::size_t& mark) {
+T* SegmentedStack<T>::pushSlow(std::size_t count, StackMark& mark) {
     if (m_blocks.empty()) {
         m_blocks.emplace_back(new T[kBlock]);
         m_blockSizes.push_back(kBlock);
     }
-    mark = (m_block << 32) | m_top;
+    mark = (static_cast<StackMark>(m_block) << 32) | m_top;
     if (m_top + count > m_blockSizes[m_block]) {
         // Move on to the next block that is big enough, making one if needed.
         std::size_t next = m_block + 1;
@@ -36,9 +36,9 @@ T* SegmentedStack<T>::pushSlow(std::size_t count, std::size_t& mark) {
 }
 
 template <typename T>
-void SegmentedStack<T>::popSlow(std::size_t mark) {
-    std::size_t block = mark >> 32;
-    std::size_t top = mark & 0xffffffffu;
+void SegmentedStack<T>::popSlow(StackMark mark) {
+    auto block = static_cast<std::size_t>(mark >> 32);
+    auto top = static_cast<std::size_t>(mark & 0xffffffffu);
     // Reset what is released so references it held are dropped now.
     while (m_block > block) {
         T* base = m_blocks[m_block].get();

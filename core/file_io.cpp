@@ -39,11 +39,23 @@ bool flushToDisk(std::FILE* file) {
 #endif
 }
 
-bool replaceFile(const std::string& from, const std::string& to) {
+// Puts the finished temporary file in the target's place in one step; on failure error says why.
+bool replaceFile(const std::string& from, const std::string& to, std::string& error) {
 #if defined(_WIN32)
-    return MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+    // rename() will not replace an existing file on Windows; MoveFileEx does, and WRITE_THROUGH
+    // returns only once the move is on disk.
+    if (MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return true;
+    DWORD code = GetLastError();
+    char text[256] = {};
+    DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, text,
+                                  sizeof text, nullptr);
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r' || text[length - 1] == '.')) --length;
+    error = length > 0 ? std::string(text, length) : "system error " + std::to_string(code);
+    return false;
 #else
-    return std::rename(from.c_str(), to.c_str()) == 0;
+    if (std::rename(from.c_str(), to.c_str()) == 0) return true;
+    error = std::strerror(errno);
+    return false;
 #endif
 }
 
@@ -85,10 +97,7 @@ bool writeFileAtomically(const std::string& path, const std::vector<std::uint8_t
         ok = false;
         error = std::strerror(errno);
     }
-    if (ok && !replaceFile(temporary, path)) {
-        ok = false;
-        error = std::strerror(errno);
-    }
+    if (ok && !replaceFile(temporary, path, error)) ok = false;
     if (!ok) std::remove(temporary.c_str());
     return ok;
 }

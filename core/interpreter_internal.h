@@ -227,15 +227,19 @@ struct JumpRequest {
     std::string label;
 };
 
+// A position on a SegmentedStack: block index in the high 32 bits, offset in the low 32 (64 bits
+// wide on every platform, so 32-bit builds keep the block index too).
+using StackMark = std::uint64_t;
+
 // Segmented stack: blocks never move, so pointers into them stay valid while calls nest.
 template <typename T>
 class SegmentedStack {
 public:
     static constexpr std::size_t kBlock = 1 << 14;
     // Returns count contiguous elements; the caller sets them.
-    T* push(std::size_t count, std::size_t& mark) {
+    T* push(std::size_t count, StackMark& mark) {
         if (!m_blocks.empty() && m_top + count <= m_blockSizes[m_block]) {
-            mark = (m_block << 32) | m_top;
+            mark = (static_cast<StackMark>(m_block) << 32) | m_top;
             T* base = m_blocks[m_block].get() + m_top;
             m_top += count;
             return base;
@@ -243,9 +247,9 @@ public:
         return pushSlow(count, mark);
     }
     // Releases everything pushed since mark.
-    void pop(std::size_t mark) {
+    void pop(StackMark mark) {
         if ((mark >> 32) == m_block) {
-            std::size_t top = mark & 0xffffffffu;
+            auto top = static_cast<std::size_t>(mark & 0xffffffffu);
             T* base = m_blocks[m_block].get();
             for (std::size_t i = top; i < m_top; ++i) reset(base[i]);
             m_top = top;
@@ -255,8 +259,8 @@ public:
     }
 
 private:
-    T* pushSlow(std::size_t count, std::size_t& mark);
-    void popSlow(std::size_t mark);
+    T* pushSlow(std::size_t count, StackMark& mark);
+    void popSlow(StackMark mark);
     static void reset(Variable& v) { v.setNil(); }
     static void reset(ForState& state) {
         if (state.active || !state.keys.empty() || !state.container.isNil()) state = ForState{};
@@ -312,7 +316,7 @@ public:
     bool advanceForIn(const CompiledLine& line, ForState& state);
     bool advanceFunctionIterator(const CompiledLine& line, ForState& state);
     void assignLoopVariable(const LValue& target, Variable value);
-    Variable callScript(FunctionProto& proto, Variable* slots, std::size_t mark);
+    Variable callScript(FunctionProto& proto, Variable* slots, StackMark mark);
 
     // Evaluating and executing
     // The common cases inline; the rest in evalSlow.

@@ -42,7 +42,7 @@ void Interpreter::write(std::string_view text) {
 
 Variable Interpreter::runChunk(const std::shared_ptr<Chunk>& chunk) {
     FunctionProto& top = *chunk->protos.front();
-    std::size_t mark = 0;
+    StackMark mark = 0;
     Variable* slots = valueStack.push(top.slotNames.size(), mark);
     for (std::size_t i = 0; i < top.slotNames.size(); ++i) slots[i] = Variable::unset();
     return callScript(top, slots, mark);

@@ -78,20 +78,23 @@ void publishGlobals(korvel::KorvelScript& target) {
     publishIntegers(target, {{"KORVEL_MOUSE_NIL", 0}, {"KORVEL_MOUSE_LEFT", 1}, {"KORVEL_MOUSE_MIDDLE", 2},
                              {"KORVEL_MOUSE_RIGHT", 3}});
 
-    for (int index = 0; index <= 9; ++index) target.pushVariable("KORVEL_TMP" + std::to_string(index), Variable(0));
+    // Names are built as std::string(prefix) + number: GCC 12 for 32-bit Windows wrongly reports
+    // overlapping copies (-Wrestrict) in "prefix" + std::string, which inserts at the front.
+    for (int index = 0; index <= 9; ++index)
+        target.pushVariable(std::string("KORVEL_TMP") + std::to_string(index), Variable(0));
     target.pushVariable("KORVEL_RENDER_TMP", Variable(-1));
     target.pushVariable("KORVEL_RENDER_TMP2", Variable(-1));
     for (int index = 1; index <= 13; ++index) {
-        target.pushVariable("KORVEL_RENDER_" + std::to_string(index), Variable(0));
-        target.pushVariable("KORVEL_RENDER_S" + std::to_string(index), Variable(0));
+        target.pushVariable(std::string("KORVEL_RENDER_") + std::to_string(index), Variable(0));
+        target.pushVariable(std::string("KORVEL_RENDER_S") + std::to_string(index), Variable(0));
     }
     target.pushVariable("KORVEL_RENDER_SKIP_PARALLAX", Variable(false));
 
     publishIntegers(target, {{"KORVEL_WEATHER_LAYER", -1}, {"KORVEL_WEATHER_CLEAR", 0}, {"KORVEL_WEATHER_LEAF", 1}});
     for (int index = 1; index <= 5; ++index)
-        target.pushVariable("KORVEL_WEATHER_LAYER_IMAGE" + std::to_string(index), Variable(0));
+        target.pushVariable(std::string("KORVEL_WEATHER_LAYER_IMAGE") + std::to_string(index), Variable(0));
     for (int index = 1; index <= 5; ++index)
-        target.pushVariable("KORVEL_WEATHER_LAYER_PATH" + std::to_string(index), Variable(0));
+        target.pushVariable(std::string("KORVEL_WEATHER_LAYER_PATH") + std::to_string(index), Variable(0));
 
     publishIntegers(target, {{"KORVEL_GREYSCALE", 1}, {"KORVEL_INACTIVE", 2}, {"KORVEL_COLOUR_INVERT", 4},
                              {"KORVEL_COLOUR_FILL", 5}, {"KORVEL_AETHER_INVERT", 3}, {"KORVEL_AETHER_CLEANUP", 6},

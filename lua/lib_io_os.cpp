@@ -190,6 +190,9 @@ void bindIoOsLibrary(Impl& vm) {
         bool valid = false;
         for (const char* candidate : kModes) valid = valid || mode == candidate;
         if (!valid) self.failRuntime(self.m_currentLine, "io.open received an invalid mode");
+        // Always binary: a script reads and seeks over the same bytes on every platform (Windows'
+        // text mode would turn "\n" into "\r\n" and shift every position after it).
+        if (mode.back() != 'b') mode += 'b';
         std::FILE* handle = std::fopen(path.c_str(), mode.c_str());
         if (!handle) {
             MultiValue failure;

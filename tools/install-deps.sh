@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the packages a fresh Debian 12 machine needs to build, test, fuzz and benchmark the
-# engine. Does nothing when they are all present.
+# engine, and to cross-build it for Windows and run those tests under wine64 (headless, in
+# Xvfb). Does nothing when they are all present.
 set -euo pipefail
 packages=(
   cmake ninja-build g++ make libgtest-dev googletest clang libclang-rt-14-dev ccache  # building and testing
@@ -10,6 +11,7 @@ packages=(
   libsdl2-dev libmpg123-dev lame                                                      # window and sound on Linux, MP3 decoding, MP3 test files
   libpng-dev                                                                          # PNG benchmark peer
   xvfb xauth xdotool x11-apps x11-utils imagemagick                                   # real-window tests (display, input, screenshots), image test files
+  g++-mingw-w64-x86-64 g++-mingw-w64-i686 wine64 file                               # Windows builds and their tests
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -7,17 +7,30 @@
 #include <fstream>
 #include <memory>
 #include <string>
+
+#if defined(_WIN32)
+#include <windows.h>
+#include <psapi.h>
+#else
 #include <unistd.h>
+#endif
 
 namespace korvel {
 namespace {
 
 // Resident memory of this process in bytes, from the kernel's own accounting.
 std::size_t residentBytes() {
+#if defined(_WIN32)
+    PROCESS_MEMORY_COUNTERS counters{};
+    counters.cb = sizeof counters;
+    if (!GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)) return 0;
+    return counters.WorkingSetSize;
+#else
     std::ifstream statm("/proc/self/statm");
     std::size_t pages = 0, resident = 0;
     statm >> pages >> resident;
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+#endif
 }
 
 constexpr const char* kCutScene = R"(

@@ -2,6 +2,7 @@
 // in its own comments:
 //   print(x) @@ expect: 42          -- each "expect:" is the next line of standard output
 //   @@ expect error: Division by zero -- the run fails with exactly this message
+//   @@ posix only: uses cat          -- skipped on Windows, for the reason given
 // A file without an expected error must run cleanly; its output must match line for line.
 // Files run as script files (relative paths start at their directory) and find a fresh,
 // private directory for scratch files in TEST_TEMP_DIR (with a trailing slash).
@@ -23,6 +24,7 @@ struct Expectations {
     std::vector<std::string> output;
     std::string error;
     bool expectsError = false;
+    std::string posixOnly;  // why the script cannot run on Windows; empty when it can
 };
 
 Expectations readExpectations(const std::string& source) {
@@ -31,9 +33,12 @@ Expectations readExpectations(const std::string& source) {
     std::string line;
     const std::string outputMark = "@@ expect: ";
     const std::string errorMark = "@@ expect error: ";
+    const std::string posixMark = "@@ posix only: ";
     while (std::getline(lines, line)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (auto at = line.find(errorMark); at != std::string::npos) {
+        if (auto at = line.find(posixMark); at != std::string::npos) {
+            e.posixOnly = line.substr(at + posixMark.size());
+        } else if (auto at = line.find(errorMark); at != std::string::npos) {
             e.expectsError = true;
             e.error = line.substr(at + errorMark.size());
         } else if (auto at2 = line.find(outputMark); at2 != std::string::npos) {
@@ -60,6 +65,9 @@ TEST_P(ScriptFile, MatchesItsExpectations) {
     buffer << file.rdbuf();
     Expectations expected = readExpectations(buffer.str());
     ASSERT_TRUE(expected.expectsError || !expected.output.empty()) << "no expectations in " << GetParam();
+#if defined(_WIN32)
+    if (!expected.posixOnly.empty()) GTEST_SKIP() << "POSIX only: " << expected.posixOnly;
+#endif
 
     // Unique also across builds whose tests run at the same time.
     std::string unique = std::to_string(std::random_device{}()) + "_" +
@@ -70,7 +78,7 @@ TEST_P(ScriptFile, MatchesItsExpectations) {
     korvel::KorvelScript script;
     std::string output;
     script.setOutput([&](std::string_view text) { output += text; });
-    script.pushVariable("TEST_TEMP_DIR", korvel::Variable(scratch.string() + "/"));
+    script.pushVariable("TEST_TEMP_DIR", korvel::Variable(scratch.generic_string() + "/"));
     korvel::RunResult result = script.runFile(GetParam());
     fs::remove_all(scratch);
 

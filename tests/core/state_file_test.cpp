@@ -28,7 +28,7 @@ protected:
         setWriteFailureAfterBytesForTesting(-1);
         fs::remove_all(m_directory);
     }
-    std::string path(const char* name) const { return (m_directory / name).string(); }
+    std::string path(const char* name) const { return (m_directory / name).generic_string(); }
     std::size_t filesInDirectory() const {
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(m_directory), fs::directory_iterator()));
     }

@@ -95,7 +95,7 @@ TEST_F(MirelScript, PrintImageWritesToStandardOutput) {
 }
 
 TEST_F(MirelScript, SavesAndLoadsMirelImages) {
-    const std::string path = (std::filesystem::temp_directory_path() / "korvel-binding-test.mmg").string();
+    const std::string path = (std::filesystem::temp_directory_path() / "korvel-binding-test.mmg").generic_string();
     EXPECT_EQ(run("img = Mirel.createImage(2, 3, 5, 6, 7, 8)\n"
                   "print(Mirel.saveMirelImage(img, \"" + path + "\"))\n"
                   "print(Mirel.saveMirelImage(img, \"" + path + ".png\"))\n"

@@ -28,7 +28,7 @@ protected:
         korvel::setWriteFailureAfterBytesForTesting(-1);
         fs::remove_all(m_directory);
     }
-    std::string path(const std::string& name) const { return (m_directory / name).string(); }
+    std::string path(const std::string& name) const { return (m_directory / name).generic_string(); }
 
     static std::vector<std::uint8_t> fileBytes(const std::string& path) {
         std::vector<std::uint8_t> bytes;
@@ -157,7 +157,7 @@ TEST_F(MmgFile, UnreadablePathsLoadNothing) {
 }
 
 TEST(RuntimeFile, EmptyFileReadsAsNoBytesAndFailureLeavesTheOutputAlone) {
-    const std::string path = (fs::temp_directory_path() / "korvel-runtime-empty.bin").string();
+    const std::string path = (fs::temp_directory_path() / "korvel-runtime-empty.bin").generic_string();
     std::ofstream(path, std::ios::binary).close();
     std::vector<std::uint8_t> bytes{9, 9};
     EXPECT_TRUE(readRuntimeFile(path, bytes));

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 namespace quillfen {
@@ -113,7 +114,8 @@ TEST(KorvelModule, VariablesScriptsFilesAndPaths) {
     EXPECT_EQ(host.errorOf("Korvel.runScript(\"x = 1 / 0\")"), "Korvel.runScript: Division by zero");
     EXPECT_EQ(host.run("print(Korvel.getPath())"), "/games/quillfen/bin/\n");
 
-    std::string file = ::testing::TempDir() + "korvel_read_file.txt";
+    // Forward slashes: the path goes into a string literal, where "\\" would start an escape.
+    std::string file = std::filesystem::path(::testing::TempDir()).generic_string() + "korvel_read_file.txt";
     std::ofstream(file, std::ios::binary) << "line one\nline two\n";
     EXPECT_EQ(host.run("print(#Korvel.readFile(\"" + file + "\"))"), "18\n");
     EXPECT_EQ(host.errorOf("Korvel.readFile(\"" + file + ".missing\")"),

@@ -25,10 +25,16 @@ execute_process(COMMAND ${command} WORKING_DIRECTORY "${WORK}"
 string(REPLACE "\r\n" "\n" out "${out}")
 string(REPLACE "\r\n" "\n" err "${err}")
 
+# Under wine the program sees the install root through drive Z:, which wine maps to "/".
+set(root_as_seen "${WORK}")
+if(EMULATOR)
+  set(root_as_seen "Z:${WORK}")
+endif()
+
 set(failures "")
 function(expect_text what actual expected_file)
   file(READ "${expected_file}" expected)
-  string(REPLACE "@ROOT@" "${WORK}" expected "${expected}")
+  string(REPLACE "@ROOT@" "${root_as_seen}" expected "${expected}")
   if(NOT actual STREQUAL expected)
     set(failures "${failures}\n--- ${what} differs.\nexpected:\n[${expected}]\nactual:\n[${actual}]" PARENT_SCOPE)
   endif()
@@ -52,7 +58,7 @@ if(EXISTS "${CASE}/expected.stderr-is-korvel")
     message(FATAL_ERROR "run_quillfen.cmake: this case needs -DKORVEL=...")
   endif()
   # The report names the script by the path the start-up program built, so run korvel on it.
-  set(main "${WORK}/bin/../Resources/scripts/visual-novel.ks")
+  set(main "${root_as_seen}/bin/../Resources/scripts/visual-novel.ks")
   execute_process(COMMAND ${EMULATOR} "${KORVEL}" "${main}" WORKING_DIRECTORY "${WORK}"
                   OUTPUT_QUIET ERROR_VARIABLE korvel_err RESULT_VARIABLE korvel_status TIMEOUT 60)
   string(REPLACE "\r\n" "\n" korvel_err "${korvel_err}")

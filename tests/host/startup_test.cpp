@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 
 namespace quillfen {
 namespace {
@@ -83,10 +84,12 @@ TEST(Startup, RetargetingRewritesTheProgramAndEveryRecord) {
 }
 
 TEST(Startup, RetargetedProgramReportsAndResolvesFromItsNewPlace) {
-    std::string directory = ::testing::TempDir() + "retarget_test";
+    std::string directory = std::filesystem::path(::testing::TempDir()).generic_string() + "retarget_test";
     std::string helper = directory + "/helper.ks";
     std::remove(helper.c_str());
-    ASSERT_TRUE(std::system(("mkdir -p '" + directory + "'").c_str()) == 0);
+    std::error_code created;
+    std::filesystem::create_directories(directory, created);
+    ASSERT_FALSE(created) << created.message();
     {
         std::FILE* file = std::fopen(helper.c_str(), "w");
         ASSERT_NE(file, nullptr);

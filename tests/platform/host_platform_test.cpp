@@ -132,11 +132,12 @@ TEST(Sleep, BlocksAtLeastTheTimeAsked) {
 
 // --- pipes ----------------------------------------------------------------------------------
 
-// The helper's command line, quoted for either shell.
+// The helper's command line, quoted for either shell. cmd /c drops the first and the last
+// quote of a line that starts with one, so the whole line gets a pair of its own.
 std::string helperCommand(const std::string& arguments) {
     std::string directory = queryText(windows_executable_directory);
 #if defined(_WIN32)
-    return "\"" + directory + "pipe_helper.exe\" " + arguments;
+    return "\"\"" + directory + "pipe_helper.exe\" " + arguments + "\"";
 #else
     return "'" + directory + "pipe_helper' " + arguments;
 #endif

@@ -63,11 +63,9 @@ Bytes bytesOf(const char (&text)[N]) {
     return Bytes(text, text + N - 1);
 }
 
-Bytes withFourBytesMore() {
-    Bytes bytes = bytesOf("RIFF\x08\x00\x00\x00WAVE");
-    bytes.resize(16, 0);
-    return bytes;
-}
+// Spelled out rather than resized: GCC 12 for 32-bit Windows wrongly reports the resize's copy
+// as reading past its source (-Wstringop-overread).
+Bytes withFourBytesMore() { return bytesOf("RIFF\x08\x00\x00\x00WAVE\x00\x00\x00\x00"); }
 
 INSTANTIATE_TEST_SUITE_P(
     Headers, RefusedFiles,
