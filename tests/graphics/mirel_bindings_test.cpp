@@ -111,7 +111,7 @@ TEST_F(MirelScript, SavesAndLoadsMirelImages) {
 }
 
 TEST_F(MirelScript, SavesAndLoadsPngImages) {
-    const std::string path = (std::filesystem::temp_directory_path() / "korvel-binding-test.png").string();
+    const std::string path = (std::filesystem::temp_directory_path() / "korvel-binding-test.png").generic_string();  // script text: forward slashes
     EXPECT_EQ(run("img = Mirel.createImage(3, 2, 5, 6, 7, 8)\n"
                   "dot = Mirel.createImage(1, 1, 200, 100, 50, 255)\n"
                   "Mirel.blitImage(img, dot, 2, 1, 0, 1, 0)\n"
