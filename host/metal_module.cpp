@@ -69,7 +69,21 @@ Variable killWindow(const Arguments&) {
     return {};
 }
 
-Variable getWindow(const Arguments&) { return win ? Variable::fromPointer(win) : Variable(); }
+// getWindow([what]): the window itself, or with "picture" a new live image of what the
+// window shows (the back buffer, bars included, at the drawing area's size). The start-up
+// program's Korvel.capture takes screenshots this way. Nothing when no window is open.
+Variable getWindow(const Arguments& args) {
+    constexpr std::string_view function = "Metal.getWindow";
+    if (!args.empty()) {
+        const std::string& what = stringValue(args[0], function, "what");
+        if (what != "picture") bindingError(function, "what must be \"picture\" when given");
+        if (!win) return {};
+        MirelImage* picture = wm_captureWindow(win);
+        if (!picture) bindingError(function, "not enough memory for the picture");
+        return Variable::fromPointer(picture);
+    }
+    return win ? Variable::fromPointer(win) : Variable();
+}
 
 // renderImage(image): shows the image in the window and presents it.
 Variable renderImage(const Arguments& args) {
