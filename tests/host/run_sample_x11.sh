@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Plays the sample game in a real window under Xvfb: Space moves the story on, a click on the
-# green button chooses to walk back. Checks what the game printed.
+# Plays the sample game in a real window under Xvfb: Space moves the story on, P takes a
+# screenshot, a click on the green button chooses to walk back. Checks what the game printed.
 #   run_sample_x11.sh QUILLFEN_EXE SOURCE_DIR WORK_DIR
 set -uo pipefail
 exe="$1" source="$2" work="$3"
@@ -34,6 +34,12 @@ for _ in 1 2 3; do
   xdotool keydown --window "$window" space; sleep 0.15; xdotool keyup --window "$window" space; sleep 0.15
 done
 wait_for "Choose:" 3  # well before the lines would have moved on by themselves
+# P saves a screenshot of the window: the 960x544 drawing area as a PNG file.
+xdotool keydown --window "$window" p; sleep 0.15; xdotool keyup --window "$window" p
+wait_for "Screenshot saved" 3
+shot="$work/bin/screenshot.png"
+size="$(python3 -c 'import struct,sys; d=open(sys.argv[1],"rb").read(24); print(*struct.unpack(">II", d[16:24])) if d[:8]==b"\x89PNG\r\n\x1a\n" else print("not a PNG")' "$shot" 2>&1)"
+[ "$size" = "960 544" ] || { echo "FAIL: screenshot $shot: $size"; exit 1; }
 # The green button covers logical (280..440, 220..256); the 960x544 window shows the 480x272
 # picture at twice its size.
 xdotool mousemove --window "$window" 720 476 mousedown 1; sleep 0.15; xdotool mouseup 1
@@ -42,4 +48,4 @@ wait "$game"
 status=$?
 grep -q "You walk back down to the harbour." "$log" || { echo "FAIL: the click did not choose"; cat "$log"; exit 1; }
 [ "$status" -eq 0 ] || { echo "FAIL: exit status $status"; exit 1; }
-echo "PASS: story moved on by keys, choice made by a click"
+echo "PASS: story moved on by keys, screenshot taken, choice made by a click"
