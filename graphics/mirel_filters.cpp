@@ -104,6 +104,49 @@ void mirrorMirelImage(MirelImage* image, MirrorAxis axis) {
 
 namespace {
 
+// The two source rows that one destination row of a bilinear filter mixes, each already mixed
+// across. Consecutive destination rows mostly sample the same pair, or move down by one (the
+// lower row becoming the upper), so a worker keeps the pair and mixes a row across only when
+// it is new.
+class MixedRowPair {
+public:
+    bool allocate(std::size_t values) {
+        try {
+            m_upper.resize(values);
+            m_lower.resize(values);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        return true;
+    }
+
+    // Makes upper() hold source row `upperRow` and lower() row `lowerRow`, calling
+    // mixAcross(row, buffer) for a row not already held.
+    template <typename MixAcross>
+    void bring(std::int64_t upperRow, std::int64_t lowerRow, MixAcross& mixAcross) {
+        if (m_upperRow != upperRow) {
+            if (m_lowerRow == upperRow) {
+                std::swap(m_upper, m_lower);
+                std::swap(m_upperRow, m_lowerRow);
+            } else {
+                mixAcross(upperRow, m_upper);
+                m_upperRow = upperRow;
+            }
+        }
+        if (m_lowerRow != lowerRow) {
+            mixAcross(lowerRow, m_lower);
+            m_lowerRow = lowerRow;
+        }
+    }
+
+    const double* upper() const { return m_upper.data(); }
+    const double* lower() const { return m_lower.data(); }
+
+private:
+    std::vector<double> m_upper, m_lower;
+    std::int64_t m_upperRow = -1, m_lowerRow = -1;
+};
+
 // out[i] = top[i] × (1 − fy) + bottom[i] × fy + offset, truncated and saturated to a byte: the
 // last step of both bilinear filters, which mix two rows already mixed across. The offset
 // turns truncation into rounding (0.5) and carries a tiny nudge that keeps a value that is
@@ -181,16 +224,12 @@ void upscaleMirelImage(MirelImage* image, double factor) {
     // A source row mixed across serves every destination row that samples it, so each worker
     // keeps the last two.
     auto scaleRows = [&](int first, int end) {
-        std::vector<double> upper, lower;
-        try {
-            upper.resize(rowValues);
-            lower.resize(rowValues);
-        } catch (const std::bad_alloc&) {
+        MixedRowPair rows;
+        if (!rows.allocate(rowValues)) {
             outOfMemory = true;
             return;
         }
-        int upperRow = -1, lowerRow = -1;
-        auto mixAcross = [&](int sourceRow, std::vector<double>& out) {
+        auto mixAcross = [&](std::int64_t sourceRow, std::vector<double>& out) {
             const std::uint8_t* row = source.pixels.get() + pixelOffset(source, 0, sourceRow);
             double* value = out.data();
             for (const Sample& column : columns) {
@@ -202,20 +241,8 @@ void upscaleMirelImage(MirelImage* image, double factor) {
         };
         for (int y = first; y < end; ++y) {
             const Sample row = upscaleSample(y, factor, source.height);
-            if (upperRow != row.first) {
-                if (lowerRow == row.first) {
-                    std::swap(upper, lower);
-                    std::swap(upperRow, lowerRow);
-                } else {
-                    mixAcross(row.first, upper);
-                    upperRow = row.first;
-                }
-            }
-            if (lowerRow != row.second) {
-                mixAcross(row.second, lower);
-                lowerRow = row.second;
-            }
-            mixRowsToBytes(upper.data(), lower.data(), row.weight, 1e-7, to + static_cast<std::size_t>(y) * rowValues, rowValues);
+            rows.bring(row.first, row.second, mixAcross);
+            mixRowsToBytes(rows.upper(), rows.lower(), row.weight, 1e-7, to + static_cast<std::size_t>(y) * rowValues, rowValues);
         }
     };
     const int threads = std::min(mirelThreadCount(), height);
@@ -272,14 +299,8 @@ void bilinearInPlace(MirelImage* image) {
     // worker mixes a grid row across once (exact weights offset / span, so every value is
     // within rounding noise of the exact one) and keeps the last two for the rows between.
     auto smoothRows = [&](int first, int end) {
-        std::vector<double> upper, lower;
-        try {
-            upper.resize(rowValues);
-            lower.resize(rowValues);
-        } catch (const std::bad_alloc&) {
-            return;  // this worker's rows keep their pixels
-        }
-        std::int64_t upperRow = -1, lowerRow = -1;
+        MixedRowPair rows;
+        if (!rows.allocate(rowValues)) return;  // this worker's rows keep their pixels
         auto mixAcross = [&](std::int64_t gridRow, std::vector<double>& out) {
             const std::uint8_t* row = pixels + static_cast<std::size_t>(gridRow * width * 4);
             double* value = out.data();
@@ -292,30 +313,18 @@ void bilinearInPlace(MirelImage* image) {
         };
         for (std::int64_t y = first; y < end; ++y) {
             const GridSpan row = gridSpan(y, block, height);
-            if (upperRow != row.first) {
-                if (lowerRow == row.first) {
-                    std::swap(upper, lower);
-                    std::swap(upperRow, lowerRow);
-                } else {
-                    mixAcross(row.first, upper);
-                    upperRow = row.first;
-                }
-            }
-            if (lowerRow != row.second) {
-                mixAcross(row.second, lower);
-                lowerRow = row.second;
-            }
+            rows.bring(row.first, row.second, mixAcross);
             std::uint8_t* out = pixels + static_cast<std::size_t>(y * width * 4);
             constexpr double kRoundHalfUp = 0.5 + 1e-11;  // true fractions are at least 1 / span² from a half
             if (row.first != y) {
-                mixRowsToBytes(upper.data(), lower.data(), row.weight * row.inverseSpan, kRoundHalfUp, out, rowValues);
+                mixRowsToBytes(rows.upper(), rows.lower(), row.weight * row.inverseSpan, kRoundHalfUp, out, rowValues);
                 continue;
             }
             // A grid row: only the pixels between its grid columns change.
             for (std::size_t x = 0; x < columns.size(); ++x) {
                 if (columns[x].first == static_cast<std::int64_t>(x)) continue;
                 for (std::size_t channel = 0; channel < 4; ++channel)
-                    out[x * 4 + channel] = static_cast<std::uint8_t>(static_cast<int>(upper[x * 4 + channel] + kRoundHalfUp));
+                    out[x * 4 + channel] = static_cast<std::uint8_t>(static_cast<int>(rows.upper()[x * 4 + channel] + kRoundHalfUp));
             }
         }
     };
