@@ -1,15 +1,6 @@
-# Cross build for 64-bit Windows with mingw-w64 on Debian. The "-posix" compilers are the
-# ones with std::thread and std::mutex; -static leaves only system DLLs to import.
-set(CMAKE_SYSTEM_NAME Windows)
+# Cross build for 64-bit Windows with mingw-w64 on Debian.
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(KORVEL_MINGW_PREFIX x86_64-w64-mingw32)
-set(CMAKE_C_COMPILER ${KORVEL_MINGW_PREFIX}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${KORVEL_MINGW_PREFIX}-g++-posix)
-set(CMAKE_RC_COMPILER ${KORVEL_MINGW_PREFIX}-windres)
-set(CMAKE_FIND_ROOT_PATH /usr/${KORVEL_MINGW_PREFIX})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-common.cmake)
 # ctest runs each program through wine (tests/run-windows-tests.sh sets up the session).
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
