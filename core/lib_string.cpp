@@ -3,6 +3,7 @@
 #include "core/library_internal.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -55,11 +56,14 @@ Variable formatString(Interpreter&, Arguments args) {
         throw ScriptError("string['format'](format, ...) requires a format string");
     const std::string& format = args[0].asString();
     std::string out;
+    out.reserve(format.size() + 16);
     std::size_t next = 1;
     for (std::size_t i = 0; i < format.size(); ++i) {
-        char c = format[i];
-        if (c != '%') {
-            out += c;
+        if (format[i] != '%') {
+            std::size_t percent = format.find('%', i);
+            if (percent == std::string::npos) percent = format.size();
+            out.append(format, i, percent - i);
+            i = percent - 1;
             continue;
         }
         if (i + 1 >= format.size()) throw ScriptError("string['format']: incomplete format specifier");
@@ -87,12 +91,28 @@ Variable formatString(Interpreter&, Arguments args) {
         while (i < format.size() && std::string_view("hlLzjt").find(format[i]) != std::string_view::npos) ++i;
         if (i >= format.size()) throw ScriptError("string['format']: incomplete format specifier");
         char conversion = format[i];
-        std::string shown = format.substr(start, i - start + 1);
         if (std::string_view("diuoxXcfFeEgGaAsq").find(conversion) == std::string_view::npos)
             throw ScriptError(std::string("string['format']: unsupported specifier %") + conversion);
-        if (next >= args.size()) throw ScriptError("string['format']: missing argument for format specifier " + shown);
+        if (next >= args.size())
+            throw ScriptError("string['format']: missing argument for format specifier " + format.substr(start, i - start + 1));
         if (width > kMaxFormatWidth || precision > kMaxFormatWidth) throw ScriptError("string['format']: failed to format value");
         const Variable& value = args[next++];
+        // The common bare "%s" and "%d" skip the C formatter; they give what it gives.
+        if (spec.size() == 1 && conversion == 's') {
+            if (value.type() == VarType::String) {
+                const std::string& text = value.asString();
+                out.append(text.c_str());  // as "%s" does, up to a zero byte
+            } else {
+                out.append(value.toString().c_str());
+            }
+            continue;
+        }
+        if (spec.size() == 1 && (conversion == 'd' || conversion == 'i') && formatsAsInteger(value)) {
+            char digits[24];
+            auto converted = std::to_chars(digits, digits + sizeof digits, integerArgument(value));
+            out.append(digits, converted.ptr);
+            continue;
+        }
         char buffer[512];
         int written = -1;
         switch (conversion) {

@@ -68,6 +68,10 @@ INSTANTIATE_TEST_SUITE_P(String, LibraryResult, ::testing::Values(
     ResultCase{"print(match(\"2024-01-05\", \"%d+\", 5))", "01\n"},
     ResultCase{"print(format(\"%5.2f|%-4d|%s|%x|%%\", 3.14159, 7, \"s\", 255))", " 3.14|7   |s|ff|%\n"},
     ResultCase{"print(format(\"%q\", \"a\\\"b\"), format(\"%c%d\", 65, 3.7))", "\"a\\\"b\" A3\n"},
+    // Bare %s and %d (their own quick path) against the flagged forms of the C formatter.
+    ResultCase{"print(format(\"<%s|%d|%i|%s|%s>\", 12, -7.9, true, [1, 2], 1.5))", "<12|-8|1|[1, 2]|1.500000>\n"},
+    ResultCase{"print(format(\"%d%d=%s%s\", 1, 2, \"x\", \"\") + \"|\" + format(\"%0d|%-d\", 5, 6))", "12=x|5|6\n"},
+    ResultCase{"print(format(\"%d\", 0 - 2147483647 - 1) + format(\"%1d\", 0 - 2147483647 - 1))", "-2147483648-2147483648\n"},
     ResultCase{"print(gsub(\"hello world\", \"o\", \"0\"))", "hell0 w0rld\n"},
     ResultCase{"print(string.gsub(\"$name is $age\", \"%$(%a+)\", {name: \"Bo\", age: 3}))", "Bo is 3\n"},
     ResultCase{"print(gsub(\"a-b\", \"%a\", {a: false, b: \"B\"}))", "a-B\n"},
