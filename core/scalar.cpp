@@ -166,6 +166,42 @@ Bits binaryLocalConst(Interpreter& vm, const FastExpression* n) {
     return combine<OP>(a, n->right->constantBits);
 }
 
+// The container of an index read: a local or global read in place.
+inline const Variable* leafValue(Interpreter& vm, const FastExpression* n) {
+    if (n->op == Op::Local) {
+        const Variable& slot = vm.current->slots[n->name->localSlot];
+        if (!slot.isUnset()) return &slot;
+    }
+    if (vm.current->extras) return nullptr;
+    const Variable& global = vm.globals[static_cast<std::size_t>(n->name->globalSlot)];
+    return global.isUnset() ? nullptr : &global;
+}
+
+// container[key] for an array and an int key inside it; kNo otherwise.
+inline Bits arrayItem(Interpreter& vm, const FastExpression* container, Bits key) {
+    if (kind(key) != kInt) return kNo;
+    const Variable* value = leafValue(vm, container);
+    if (!value || value->type() != VarType::Array) return kNo;
+    const auto& items = value->arrayItems();
+    std::int32_t index = payloadInt(key);
+    if (index < 1 || static_cast<std::size_t>(index) > items.size()) return kNo;
+    return items[static_cast<std::size_t>(index - 1)].scalarBits();
+}
+
+Bits scalarIndex(Interpreter& vm, const FastExpression* n) { return arrayItem(vm, n->left, fetch(vm, n->right)); }
+
+// left is a local, right an array item indexed by a local (sum + a[i]): read in place, without
+// the calls through the operands' own functions.
+template <Op OP>
+Bits binaryLocalIndex(Interpreter& vm, const FastExpression* n) {
+    Bits a = readLocal(vm, n->left);
+    if (a == kNo) return kNo;
+    const FastExpression* index = n->right;
+    Bits b = arrayItem(vm, index->left, readLocal(vm, index->right));
+    if (b == kNo) return kNo;
+    return combine<OP>(a, b);
+}
+
 // both operands are locals.
 template <Op OP>
 Bits binaryLocalLocal(Interpreter& vm, const FastExpression* n) {
@@ -180,6 +216,8 @@ template <Op OP>
 ScalarFunction binaryFunction(const FastExpression* n) {
     if (n->left->op == Op::Local && n->right->op == Op::Const) return binaryLocalConst<OP>;
     if (n->left->op == Op::Local && n->right->op == Op::Local) return binaryLocalLocal<OP>;
+    if (n->left->op == Op::Local && n->right->scalar == scalarIndex && n->right->right->op == Op::Local)
+        return binaryLocalIndex<OP>;
     return binaryAny<OP>;
 }
 
@@ -213,27 +251,6 @@ Bits scalarOr(Interpreter& vm, const FastExpression* n) {
     return fetch(vm, n->right);
 }
 
-// The container of an index read: a local or global read in place.
-inline const Variable* leafValue(Interpreter& vm, const FastExpression* n) {
-    if (n->op == Op::Local) {
-        const Variable& slot = vm.current->slots[n->name->localSlot];
-        if (!slot.isUnset()) return &slot;
-    }
-    if (vm.current->extras) return nullptr;
-    const Variable& global = vm.globals[static_cast<std::size_t>(n->name->globalSlot)];
-    return global.isUnset() ? nullptr : &global;
-}
-
-Bits scalarIndex(Interpreter& vm, const FastExpression* n) {
-    Bits key = fetch(vm, n->right);
-    if (kind(key) != kInt) return kNo;
-    const Variable* container = leafValue(vm, n->left);
-    if (!container || container->type() != VarType::Array) return kNo;
-    const auto& items = container->arrayItems();
-    std::int32_t index = payloadInt(key);
-    if (index < 1 || static_cast<std::size_t>(index) > items.size()) return kNo;
-    return items[static_cast<std::size_t>(index - 1)].scalarBits();
-}
 
 Bits scalarIndexKey(Interpreter& vm, const FastExpression* n) {
     const Variable* container = leafValue(vm, n->left);

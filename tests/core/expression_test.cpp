@@ -390,3 +390,42 @@ TEST(ExpressionEvaluation, CompiledLineSeesReassignedGlobals) {
 
 }  // namespace
 }  // namespace korvel
+
+namespace korvel {
+namespace {
+
+// `x OP a[i]` with x, a and i all locals reads the item in place. Whatever the three hold, the
+// result (or the message) must be what the general evaluator gives.
+TEST(LocalIndexOperand, GivesWhatTheGeneralPathGives) {
+    const char* lefts[] = {"7", "1.5", "\"p\"", "false"};
+    const char* containers[] = {"[10, 2.5, true, \"s\"]", "{k: 1}", "\"text\"", "[]"};
+    const char* keys[] = {"1", "2", "3", "4", "5", "0", "-1", "2.0", "\"k\"", "true"};
+    const char* operators[] = {"+", "-", "*", "%", "<", "=="};
+    int compared = 0;
+    for (const char* left : lefts)
+        for (const char* container : containers)
+            for (const char* key : keys)
+                for (const char* op : operators) {
+                    const std::string expression = std::string("x ") + op + " a[i]";
+                    const std::string values = std::string("x = ") + left + "\na = " + container + "\ni = " + key + "\n";
+                    std::string locals = "function g()\n  local x = 0\n  local a = 0\n  local i = 0\n";
+                    locals += "  x = " + std::string(left) + "\n  a = " + container + "\n  i = " + key + "\n";
+                    locals += "  local r = " + expression + "\n  return r\nend\nreturn g()";
+                    KorvelScript first, second;
+                    first.setOutput([](std::string_view) {});
+                    second.setOutput([](std::string_view) {});
+                    RunResult fast = first.runScript(locals);
+                    // Calls keep every part of the reference off the scalar paths.
+                    RunResult general =
+                        second.runScript("function id(v)\n  return v\nend\n" + values + "return id(x) " + op + " id(a)[id(i)]");
+                    ASSERT_EQ(fast.ok, general.ok) << values << expression << "\n" << fast.errorReport << general.errorReport;
+                    EXPECT_EQ(fast.errorMessage, general.errorMessage) << values << expression;
+                    EXPECT_EQ(fast.value.toString(), general.value.toString()) << values << expression;
+                    EXPECT_EQ(fast.value.type(), general.value.type()) << values << expression;
+                    ++compared;
+                }
+    EXPECT_EQ(compared, 4 * 4 * 10 * 6);
+}
+
+}  // namespace
+}  // namespace korvel
