@@ -314,6 +314,37 @@ bool Interpreter::advanceFunctionIterator(const CompiledLine& line, ForState& st
     return true;
 }
 
+// The rest of an integer for loop whose body is one scalar assignment to a local
+// (sum = sum + a[i]), without a trip through the statement loop per line: the same steps in the
+// same order as the statement loop takes them. The loop variable already holds the value of the
+// iteration about to run. Returns true when the loop has ended. Returns false, with the loop
+// variable holding the value of the iteration whose body is next, when the statement loop
+// must go on: a value that is not scalar (the general evaluator decides, errors included), or a
+// collection due.
+bool Interpreter::runScalarLoop(Activation& activation, const CompiledLine& body, ForState& state, const LValue& loopTarget) {
+    if (body.kind != StmtKind::AssignLocal || !body.expr->scalar) return false;
+    const LValue& target = body.targets[0];
+    Variable& slot = activation.slots[target.name->localSlot];
+    if (target.scope != TargetScope::Local && slot.isUnset()) return false;
+    Variable& loopVariable = activation.slots[loopTarget.name->localSlot];
+    while (true) {
+        const std::uint64_t bits = body.expr->scalar(*this, body.expr);
+        if (bits == Variable::kNotScalar) return false;
+        slot.setScalarBits(bits);
+        state.current += state.step;
+        if (!(state.step > 0 ? state.current <= state.stop : state.current >= state.stop)) {
+            state.active = false;
+            return true;
+        }
+        if (loopVariable.type() != VarType::Int) {
+            assignLoopVariable(loopTarget, Variable(static_cast<std::int32_t>(state.current)));
+            return false;
+        }
+        loopVariable.setIntUnchecked(static_cast<std::int32_t>(state.current));
+        if (g_collectionDue) return false;
+    }
+}
+
 void Interpreter::executeParsedBlock(Activation& activation) {
     FunctionProto& proto = *activation.proto;
     Chunk& chunk = *proto.chunk;
@@ -462,7 +493,13 @@ void Interpreter::executeParsedBlock(Activation& activation) {
                             Variable& slot = activation.slots[target.name->localSlot];
                             if (state.isInt && slot.type() == VarType::Int) {
                                 slot.setIntUnchecked(static_cast<std::int32_t>(state.current));
-                                pc = line.opener + 1;
+                                // A body of one line may run its remaining iterations at once.
+                                const bool oneLineBody = pc == line.opener + 2;
+                                if (oneLineBody && !stepBudget && runScalarLoop(activation, lines[line.opener + 1], state, target)) {
+                                    ++pc;
+                                } else {
+                                    pc = line.opener + 1;
+                                }
                                 break;
                             }
                         }

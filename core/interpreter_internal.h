@@ -355,6 +355,7 @@ public:
         return scratch;
     }
     void executeParsedBlock(Activation& activation);
+    bool runScalarLoop(Activation& activation, const CompiledLine& body, ForState& state, const LValue& loopTarget);
     void raiseError(const std::string& message);  // fails the current statement
 
     // Scopes

@@ -474,3 +474,40 @@ TEST(Limits, StepBudgetStopsAnEndlessLoop) {
 
 }  // namespace
 }  // namespace korvel
+
+namespace korvel {
+namespace {
+
+// An integer for loop whose body is one scalar assignment runs its iterations without the
+// statement loop. The same loop with a second, idle line in its body takes the ordinary path:
+// both must give the same values, the same messages and the same reports, whatever the body
+// meets (a value that is not a number, a zero divisor, the loop variable changed).
+TEST(OneLineLoop, BehavesLikeTheStatementLoop) {
+    const char* loops[] = {"i = 1, 10", "i = 10, 1, -3", "i = 1, 10, 4", "i = 5, 4"};
+    const char* bodies[] = {"s = s + i",     "s = s + a[i]", "i = i + 10",  "s = s * 1.5",
+                            "s = s + t",     "s = i / (5 - i)", "s = i % (3 - i)", "i = 0.5 + i",
+                            "s = s + b[i]", "s = i > 4 && s"};
+    int compared = 0;
+    for (const char* loop : loops)
+        for (const char* body : bodies) {
+            auto script = [&](bool idleLine) {
+                std::string text = "function run()\n  local s = 0\n  local i = 0\n  local t = {}\n";
+                text += "  local a = [1, 2, 3, \"x\", 5, 6, 7, 8, 9, 10]\n  local b = [1.5, 2, true]\n";
+                text += std::string("  for ") + loop + "\n    " + body + "\n";
+                if (idleLine) text += "    t = t\n";
+                text += "  end\n  return [s, i]\nend\nreturn run()";
+                KorvelScript vm;
+                vm.setOutput([](std::string_view) {});
+                return vm.runScript(text, "loop.ks");
+            };
+            RunResult fast = script(false), ordinary = script(true);
+            ASSERT_EQ(fast.ok, ordinary.ok) << loop << ": " << body << "\n" << fast.errorReport << ordinary.errorReport;
+            EXPECT_EQ(fast.errorReport, ordinary.errorReport) << loop << ": " << body;
+            EXPECT_EQ(fast.value.toString(), ordinary.value.toString()) << loop << ": " << body;
+            ++compared;
+        }
+    EXPECT_EQ(compared, 40);
+}
+
+}  // namespace
+}  // namespace korvel
