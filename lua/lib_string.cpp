@@ -384,7 +384,7 @@ bool nextPatternMatch(Impl& vm, IteratorObject* iterator, MultiValue& out, std::
     std::shared_ptr<const RegexProgram> program = compilePattern(vm, pattern);
     PatternMatch match;
     // An empty match right where the previous match ended is skipped, so "a*" over "baa" gives
-    // "", "aa" and "" instead of looping on one position.
+    // "" and "aa" instead of looping on one position.
     std::size_t at = iterator->position;
     while (at <= subject.size()) {
         vm.countStep();

@@ -450,8 +450,13 @@ private:
         return start;
     }
 
+    // Bulk scans add to m_steps directly, so a block may be passed between two calls.
     bool countStep() {
-        if (++m_steps % 4096 == 0 && m_budget.onBlock) m_budget.onBlock(m_budget.context);
+        ++m_steps;
+        while (m_steps >= m_nextBlock) {
+            m_nextBlock += 4096;
+            if (m_budget.onBlock) m_budget.onBlock(m_budget.context);
+        }
         return m_steps <= m_budget.stepLimit;
     }
 
@@ -644,6 +649,7 @@ private:
     std::vector<Frame>& m_frames;
     std::vector<std::uint32_t>& m_slots;
     std::size_t m_steps = 0;
+    std::size_t m_nextBlock = 4096;
     std::uint32_t m_matchEnd = 0;
 };
 
