@@ -19,6 +19,8 @@ namespace {
 using ByteSet = std::bitset<256>;
 
 constexpr std::uint32_t kUnsetSlot = 0xFFFFFFFFu;
+// Stack frames a thread keeps between searches; a larger stack is freed after its search.
+constexpr std::size_t kRetainedFrames = 1 << 16;
 constexpr int kUnbounded = -1;
 
 // ---- syntax tree ----
@@ -688,6 +690,17 @@ RegexOutcome searchRegex(const RegexProgram& program, std::string_view subject, 
     if (subject.size() >= kUnsetSlot) return RegexOutcome::TooComplex;
     if (from > subject.size()) return RegexOutcome::NotFound;
     thread_local SearchState state;
+    // A search that needed a large stack gives the memory back when it ends, however it ends
+    // (the budget callback may throw).
+    struct Trim {
+        SearchState& state;
+        ~Trim() {
+            if (state.frames.capacity() > kRetainedFrames) {
+                state.frames.clear();
+                state.frames.shrink_to_fit();
+            }
+        }
+    } trim{state};
     Searcher searcher(program, subject, static_cast<std::uint32_t>(from), budget, state);
     return searcher.search(spans);
 }

@@ -1,6 +1,13 @@
 // The pattern translation and the regular-expression engine under it: the text each pattern
 // item becomes, the engine's ECMAScript results (captures of quantified groups, empty
 // iterations, laziness), its limits, and a differential run against std::regex.
+
+// GCC 12 reports std::function members inside the standard library's regex automaton as
+// "maybe uninitialized" when optimising with the sanitizers on; the warning concerns library
+// code instantiated here. It is judged at the library header's location, hence before includes.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include "pattern_internal.h"
 
 #include <gtest/gtest.h>
@@ -274,7 +281,7 @@ std::string describeStandardSearch(const std::regex& regex, const std::string& s
 TEST(RegexDifferential, AgreesWithTheStandardLibrary) {
     PatternGenerator generator(20260522);
     int compared = 0;
-    for (int round = 0; round < 1500; ++round) {
+    for (int round = 0; round < 1000; ++round) {
         std::string pattern = generator.pattern();
         std::string regex = translateLuaPatternToRegex(pattern);
         std::regex standard(regex, std::regex::ECMAScript);
@@ -286,7 +293,7 @@ TEST(RegexDifferential, AgreesWithTheStandardLibrary) {
             ++compared;
         }
     }
-    EXPECT_EQ(compared, 9000);
+    EXPECT_EQ(compared, 6000);
 }
 
 } // namespace
