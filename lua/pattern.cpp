@@ -77,6 +77,8 @@ public:
     explicit PatternTranslator(std::string_view pattern) : m_pattern(pattern) {}
 
     std::string translate() {
+        // Compiling takes memory in proportion to the pattern; no script needs more than this.
+        if (m_pattern.size() > kMaxPatternLength) fail("pattern too complex");
         std::size_t i = 0;
         if (!m_pattern.empty() && m_pattern[0] == '^') {
             m_out += '^';

@@ -12,8 +12,10 @@
 namespace korvel::lua {
 
 constexpr int kMaxCaptures = 32;
-// Items under a quantifier plus captures that one pattern may have.
+// Items under a quantifier plus captures that one pattern may have, and the longest pattern
+// (other than plain text) that is compiled.
 constexpr int kMaxPatternItems = 200;
+constexpr std::size_t kMaxPatternLength = 65536;
 
 struct PatternMatch {
     struct Capture {

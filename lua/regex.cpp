@@ -71,6 +71,7 @@ public:
     Parser(std::string_view text, std::vector<ByteSet>& sets) : m_text(text), m_sets(sets) {}
 
     Node parseAll() {
+        if (m_text.size() > kMaxRegexLength) fail("expression too long");
         Node root;
         root.kind = Node::Kind::Group;
         root.group = 0;
@@ -88,7 +89,16 @@ private:
     bool atEnd() const { return m_position >= m_text.size(); }
     char peek() const { return m_text[m_position]; }
 
+    // Single bytes share one entry each, so long literal text does not grow the table.
     int addSet(const ByteSet& set) {
+        if (set.count() == 1) {
+            int& shared = m_byteSets[Parser::onlyMember(set)];
+            if (shared < 0) {
+                m_sets.push_back(set);
+                shared = static_cast<int>(m_sets.size() - 1);
+            }
+            return shared;
+        }
         m_sets.push_back(set);
         return static_cast<int>(m_sets.size() - 1);
     }
@@ -245,6 +255,13 @@ private:
     std::size_t m_position = 0;
     int m_groupCount = 0;
     std::vector<bool> m_emptyGroups;
+    std::array<int, 256> m_byteSets = filledWith(-1);
+
+    static std::array<int, 256> filledWith(int value) {
+        std::array<int, 256> values{};
+        values.fill(value);
+        return values;
+    }
 };
 
 // ---- program ----

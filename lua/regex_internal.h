@@ -19,8 +19,9 @@ namespace korvel::lua {
 
 class RegexProgram;
 
-// Deepest group nesting the parser accepts.
+// Deepest group nesting the parser accepts, and the longest text it reads.
 constexpr int kMaxRegexNesting = 200;
+constexpr std::size_t kMaxRegexLength = std::size_t{1} << 22;
 // Saved backtracking points one search may hold (12 bytes each).
 constexpr std::size_t kMaxRegexFrames = std::size_t{1} << 23;
 
@@ -30,7 +31,7 @@ struct RegexSyntaxError {
 };
 
 // Parses and compiles `text`. Returns null and fills `error` when the text is not in the subset
-// or nests deeper than kMaxRegexNesting. A program is immutable, so one may serve many searches.
+// or nests deeper than kMaxRegexNesting or is longer than kMaxRegexLength. A program is immutable, so one may serve many searches.
 std::shared_ptr<const RegexProgram> compileRegex(std::string_view text, RegexSyntaxError& error);
 
 // Captured groups: group i (1-based) spans [starts[i], ends[i]); kUnset when it took no part.

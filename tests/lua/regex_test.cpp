@@ -87,7 +87,8 @@ INSTANTIATE_TEST_SUITE_P(Malformed, TranslationErrors, ::testing::Values(
         std::string many;
         for (int i = 0; i < 201; ++i) many += "a?";
         return many;
-    }(), "pattern too complex"}));
+    }(), "pattern too complex"},
+    TranslationErrorCase{std::string(kMaxPatternLength + 1, '.'), "pattern too complex"}));
 
 // "0-3 u 1-2": the whole match, then each group (u: took no part); "none" when nothing matched.
 std::string describeSearch(const std::string& regex, const std::string& subject, std::size_t from) {
