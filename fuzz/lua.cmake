@@ -1,5 +1,5 @@
 # libFuzzer targets for KorvelLua, included by fuzz/CMakeLists.txt when present.
-foreach(target lua_parser_fuzz lua_klbc_fuzz)
+foreach(target lua_parser_fuzz lua_klbc_fuzz lua_pattern_fuzz)
   add_executable(${target} ${CMAKE_CURRENT_LIST_DIR}/${target}.cpp)
   target_compile_options(${target} PRIVATE -fsanitize=fuzzer,address,undefined)
   target_link_options(${target} PRIVATE -fsanitize=fuzzer,address,undefined)

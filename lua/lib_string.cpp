@@ -97,7 +97,9 @@ void appendReplacement(Impl& vm, std::string& out, std::string_view subject, con
                 } else if (index > match.captureCount) {
                     vm.failRuntime(vm.m_currentLine, "invalid capture index %" + std::string(1, c) + " in replacement string");
                 } else {
-                    out += captureValue(subject, match, index).toString();
+                    // A capture that took no part in the match (under "?" or "*") adds nothing.
+                    Value capture = captureValue(subject, match, index);
+                    if (!capture.isNil()) out += capture.toString();
                 }
             } else {
                 vm.failRuntime(vm.m_currentLine, "invalid use of '%' in replacement string");
@@ -139,7 +141,10 @@ MultiValue gsub(Impl& vm, ValueSpan arguments) {
     }
     std::int64_t limit = optionalInteger(vm, "string.gsub", arguments, 3, INT64_MAX);
     bool anchored = !pattern.empty() && pattern[0] == '^';
-    if (anchored) pattern.remove_prefix(1);
+    // A pattern without special characters is replaced as plain text; the empty one still goes
+    // to the engine, which matches it between every two bytes.
+    bool plain = !pattern.empty() && isPlainPattern(pattern);
+    std::shared_ptr<const RegexProgram> program = plain ? nullptr : compilePattern(vm, pattern);
     // The subject stays alive through the argument span while callbacks run.
     std::string out;
     std::size_t source = 0;
@@ -148,17 +153,27 @@ MultiValue gsub(Impl& vm, ValueSpan arguments) {
     PatternMatch match;
     while (count < limit) {
         vm.countStep();
-        bool matched = matchPatternAt(vm, subject, pattern, source, match);
-        if (matched && match.end != lastMatch) {
-            ++count;
-            appendReplacement(vm, out, subject, match, replacement);
-            checkLength(vm, out.size());
-            source = lastMatch = match.end;
-        } else if (source < subject.size()) {
-            out += subject[source++];
-        } else {
+        if (plain) {
+            std::size_t found = subject.find(pattern, source);
+            if (found == std::string_view::npos) break;
+            match.start = found;
+            match.end = found + pattern.size();
+            match.captureCount = 0;
+        } else if (!findCompiledPattern(vm, *program, subject, source, match)) {
             break;
         }
+        // An empty match right where the previous match ended is skipped: the byte there is
+        // kept and the search goes on after it.
+        if (match.end == lastMatch) {
+            if (anchored || source >= subject.size()) break;
+            out += subject[source++];
+            continue;
+        }
+        out.append(subject.substr(source, match.start - source));
+        ++count;
+        appendReplacement(vm, out, subject, match, replacement);
+        checkLength(vm, out.size());
+        source = lastMatch = match.end;
         if (anchored) break;
     }
     if (source < subject.size()) out.append(subject.substr(source));
@@ -366,19 +381,23 @@ bool nextPatternMatch(Impl& vm, IteratorObject* iterator, MultiValue& out, std::
     std::string_view subject = iterator->subject.stringView();
     std::string_view pattern = iterator->pattern.stringView();
     bool anchored = !pattern.empty() && pattern[0] == '^';
-    if (anchored) pattern.remove_prefix(1);
+    std::shared_ptr<const RegexProgram> program = compilePattern(vm, pattern);
     PatternMatch match;
     // An empty match right where the previous match ended is skipped, so "a*" over "baa" gives
-    // "", "aa" and "" instead of looping on one position.
-    for (std::size_t at = iterator->position; at <= subject.size(); ++at) {
+    // "" and "aa" instead of looping on one position.
+    std::size_t at = iterator->position;
+    while (at <= subject.size()) {
         vm.countStep();
-        if (matchPatternAt(vm, subject, pattern, at, match) && match.end != iterator->lastMatch) {
-            iterator->position = iterator->lastMatch = match.end;
-            if (anchored) iterator->position = subject.size() + 1;
-            pushCaptures(subject, match, out);
-            return true;
+        if (!findCompiledPattern(vm, *program, subject, at, match)) break;
+        if (match.end == iterator->lastMatch) {
+            if (anchored) break;
+            at = match.start + 1;
+            continue;
         }
-        if (anchored) break;
+        iterator->position = iterator->lastMatch = match.end;
+        if (anchored) iterator->position = subject.size() + 1;
+        pushCaptures(subject, match, out);
+        return true;
     }
     iterator->position = subject.size() + 1;
     return false;

@@ -1,270 +1,323 @@
-// Pattern matcher. The dialect's patterns are the regular-expression subset the library promises:
-// the classes %a %d %s %w (and their negations), '.', sets, anchors, the quantifiers * + ? and the
-// lazy '-', and captures; '%' before any other character makes it literal. A direct backtracking
-// matcher gives exactly those results without a regular-expression engine, whose recursion grows
-// with the subject's length; here recursion is bounded by the pattern (kMaxMatchDepth).
+// Patterns: the dialect's pattern text becomes a regular expression, which the engine in
+// regex.cpp compiles and searches. The dialect has the classes %a %d %s %w (and their negations),
+// '.', sets, the anchors, the quantifiers * + ? and the lazy '-', and captures; '%' before any
+// other character makes it literal. Compiled patterns are cached per thread by their text, so a
+// loop calling string.find with the same pattern translates and compiles it once.
 #include "pattern_internal.h"
 
 #include <algorithm>
+#include <bitset>
+#include <unordered_map>
 
 namespace korvel::lua {
 
 namespace {
 
-constexpr int kMaxMatchDepth = 200;
 // Matching steps one search may take: enough for linear scans of any subject, while exponential
 // backtracking on a short subject stops within a fraction of a second.
 constexpr std::size_t kMinimumMatchWork = std::size_t{1} << 22;
 constexpr std::size_t kMatchWorkPerByte = 64;
-constexpr std::size_t kUnfinished = ~std::size_t{0};
+// Compiled patterns kept per thread; past this the cache starts over. Longer patterns are
+// compiled for each call rather than kept.
+constexpr std::size_t kPatternCacheEntries = 128;
+constexpr std::size_t kLongestCachedPattern = 1024;
 
-bool isSpaceByte(unsigned char c) { return c == ' ' || c == '\f' || c == '\n' || c == '\r' || c == '\t' || c == '\v'; }
-bool isAlphaByte(unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigitByte(unsigned char c) { return c >= '0' && c <= '9'; }
+using ByteSet = std::bitset<256>;
 
-// A '%x' item: one of the eight classes, or the character itself.
-bool classMatches(unsigned char c, unsigned char classLetter) {
-    switch (classLetter) {
-    case 'a': return isAlphaByte(c);
-    case 'A': return !isAlphaByte(c);
-    case 'd': return isDigitByte(c);
-    case 'D': return !isDigitByte(c);
-    case 's': return isSpaceByte(c);
-    case 'S': return !isSpaceByte(c);
-    case 'w': return isAlphaByte(c) || isDigitByte(c) || c == '_';
-    case 'W': return !(isAlphaByte(c) || isDigitByte(c) || c == '_');
-    default: return c == classLetter;
+// A class letter's members as bracket-expression text ("A-Za-z"), or null for other letters.
+const char* classRangeText(char letter) {
+    switch (letter) {
+    case 'a': case 'A': return "A-Za-z";
+    case 'd': case 'D': return "0-9";
+    case 's': case 'S': return "\\f\\n\\r\\t\\v ";
+    case 'w': case 'W': return "A-Za-z0-9_";
+    default: return nullptr;
     }
 }
 
-class Matcher {
-public:
-    Matcher(LuaVM::Impl& vm, std::string_view subject, std::string_view pattern, PatternMatch& result)
-        : m_vm(vm), m_subject(subject), m_pattern(pattern), m_result(result),
-          m_workLimit(std::max(kMinimumMatchWork, subject.size() * kMatchWorkPerByte)) {}
-
-    // Returns the end offset of a match starting at `s`, or npos.
-    std::size_t matchFrom(std::size_t s, std::size_t p) {
-        m_result.captureCount = 0;
-        m_depth = 0;
-        return match(s, p);
-    }
-
-    // Long subjects can make matching quadratic; the work counts against the host's step budget.
-    // Backtracking can take exponential time ("a?a?a?...aaa"); one search may do at most
-    // m_workLimit steps, so a library call always ends.
-    void tick() {
-        if (++m_work >= 4096) {
-            m_work = 0;
-            m_vm.countStep();
-            if (++m_workBlocks > m_workLimit / 4096) fail("pattern matching is too complex");
+ByteSet classBytes(char letter) {
+    ByteSet set;
+    for (int c = 0; c < 256; ++c) {
+        bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        bool digit = c >= '0' && c <= '9';
+        bool space = c == ' ' || (c >= '\t' && c <= '\r');
+        switch (letter) {
+        case 'a': case 'A': set[static_cast<std::size_t>(c)] = alpha; break;
+        case 'd': case 'D': set[static_cast<std::size_t>(c)] = digit; break;
+        case 's': case 'S': set[static_cast<std::size_t>(c)] = space; break;
+        default: set[static_cast<std::size_t>(c)] = alpha || digit || c == '_'; break;
         }
+    }
+    return letter >= 'A' && letter <= 'Z' ? ~set : set;
+}
+
+// The members of `set` as ranges of bracket-expression text. Ranges stop at 0x7f so that no
+// range mixes ASCII with the high half (libraries that order bytes as signed would reject it).
+void appendRanges(const ByteSet& set, std::string& out) {
+    int c = 0;
+    while (c < 256) {
+        if (!set.test(static_cast<std::size_t>(c))) {
+            ++c;
+            continue;
+        }
+        int last = c;
+        while (last + 1 < 256 && last + 1 != 0x80 && set.test(static_cast<std::size_t>(last + 1))) ++last;
+        escapeRegexLiteralChar(static_cast<unsigned char>(c), true, out);
+        if (last > c) {
+            if (last > c + 1) out += '-';
+            escapeRegexLiteralChar(static_cast<unsigned char>(last), true, out);
+        }
+        c = last + 1;
+    }
+}
+
+// Walks a pattern once, checking it as it goes, and writes the regular expression.
+class PatternTranslator {
+public:
+    explicit PatternTranslator(std::string_view pattern) : m_pattern(pattern) {}
+
+    std::string translate() {
+        // Compiling takes memory in proportion to the pattern; no script needs more than this.
+        if (m_pattern.size() > kMaxPatternLength) fail("pattern too complex");
+        std::size_t i = 0;
+        if (!m_pattern.empty() && m_pattern[0] == '^') {
+            m_out += '^';
+            i = 1;
+        }
+        int openCaptures = 0;
+        // Right after an item * + ? - repeat it, and after a capture * + ? repeat the capture;
+        // elsewhere they are literal. A '-' after a capture stays a hyphen, as in "(%d+)-(%d+)".
+        enum class After { Nothing, Item, Capture } after = After::Nothing;
+        while (i < m_pattern.size()) {
+            char c = m_pattern[i];
+            bool repeats = (after != After::Nothing && (c == '*' || c == '+' || c == '?')) || (after == After::Item && c == '-');
+            if (repeats) {
+                m_out += c == '-' ? "*?" : std::string(1, c);
+                countItem();
+                after = After::Nothing;
+                ++i;
+                continue;
+            }
+            if (c == '(') {
+                if (++m_captures > kMaxCaptures) fail("too many captures");
+                countItem();
+                if (i + 1 < m_pattern.size() && m_pattern[i + 1] == ')') {
+                    m_out += "()";
+                    i += 2;
+                    after = After::Capture;
+                } else {
+                    m_out += '(';
+                    ++openCaptures;
+                    ++i;
+                    after = After::Nothing;
+                }
+                continue;
+            }
+            if (c == ')') {
+                if (openCaptures == 0) fail("invalid pattern capture");
+                --openCaptures;
+                m_out += ')';
+                ++i;
+                after = After::Capture;
+                continue;
+            }
+            if (c == '$' && i + 1 == m_pattern.size()) {
+                m_out += '$';
+                ++i;
+                continue;
+            }
+            i = translateItem(i);
+            after = After::Item;
+        }
+        if (openCaptures > 0) fail("unfinished capture");
+        return std::move(m_out);
     }
 
 private:
-    [[noreturn]] void fail(const char* message) { m_vm.failRuntime(m_vm.m_currentLine, message); }
+    [[noreturn]] static void fail(const char* message) { throw PatternSyntaxError{message}; }
 
-    std::size_t classEnd(std::size_t p) {
-        char c = m_pattern[p++];
-        if (c == '%') {
-            if (p >= m_pattern.size()) fail("malformed pattern (ends with '%')");
-            return p + 1;
-        }
-        if (c == '[') {
-            if (p < m_pattern.size() && m_pattern[p] == '^') ++p;
-            // The first ']' of a set is a member, not its end.
-            do {
-                if (p >= m_pattern.size()) fail("malformed pattern (missing ']')");
-                char member = m_pattern[p++];
-                if (member == '%') {
-                    if (p >= m_pattern.size()) fail("malformed pattern (missing ']')");
-                    ++p;
-                }
-            } while (p >= m_pattern.size() || m_pattern[p] != ']');
-            return p + 1;
-        }
-        return p;
+    void countItem() {
+        if (++m_items > kMaxPatternItems) fail("pattern too complex");
     }
 
-    bool setMatches(unsigned char c, std::size_t p, std::size_t setEnd) const {
-        // p is at '[', setEnd at the closing ']'.
-        bool negated = false;
-        ++p;
-        if (m_pattern[p] == '^') {
-            negated = true;
-            ++p;
+    // One single-byte item at i: '.', %x, [set] or a literal byte. Returns where it ends.
+    std::size_t translateItem(std::size_t i) {
+        char c = m_pattern[i];
+        if (c == '.') {
+            m_out += "[\\s\\S]";
+            return i + 1;
         }
-        bool first = true;
-        while (p < setEnd && (first || m_pattern[p] != ']')) {
-            first = false;
-            unsigned char member = static_cast<unsigned char>(m_pattern[p]);
-            if (member == '%' && p + 1 < setEnd) {
-                if (classMatches(c, static_cast<unsigned char>(m_pattern[p + 1]))) return !negated;
+        if (c == '%') {
+            if (i + 1 >= m_pattern.size()) fail("malformed pattern (ends with '%')");
+            char letter = m_pattern[i + 1];
+            if (const char* ranges = classRangeText(letter)) {
+                m_out += letter >= 'A' && letter <= 'Z' ? "[^" : "[";
+                m_out += ranges;
+                m_out += ']';
+            } else {
+                escapeRegexLiteralChar(static_cast<unsigned char>(letter), false, m_out);
+            }
+            return i + 2;
+        }
+        if (c == '[') return translateSet(i);
+        escapeRegexLiteralChar(static_cast<unsigned char>(c), false, m_out);
+        return i + 1;
+    }
+
+    // [set] at i. The first member may be ']'; '%' escapes the next byte or names a class; a
+    // range is "x-y" (nothing when x > y).
+    std::size_t translateSet(std::size_t i) {
+        std::size_t p = i + 1;
+        bool negated = p < m_pattern.size() && m_pattern[p] == '^';
+        if (negated) ++p;
+        std::size_t close = p;
+        do {
+            if (close >= m_pattern.size()) fail("malformed pattern (missing ']')");
+            char member = m_pattern[close++];
+            if (member == '%') {
+                if (close >= m_pattern.size()) fail("malformed pattern (missing ']')");
+                ++close;
+            }
+        } while (close >= m_pattern.size() || m_pattern[close] != ']');
+        std::string members;
+        while (p < close) {
+            auto c = static_cast<unsigned char>(m_pattern[p]);
+            if (c == '%') {
+                char letter = m_pattern[p + 1];
+                const char* ranges = classRangeText(letter);
+                if (ranges && letter >= 'a' && letter <= 'z') {
+                    members += ranges;
+                } else if (ranges) {
+                    appendRanges(classBytes(letter), members);
+                } else {
+                    escapeRegexLiteralChar(static_cast<unsigned char>(letter), true, members);
+                }
                 p += 2;
-            } else if (p + 2 < setEnd && m_pattern[p + 1] == '-') {
-                if (static_cast<unsigned char>(m_pattern[p]) <= c && c <= static_cast<unsigned char>(m_pattern[p + 2])) {
-                    return !negated;
+            } else if (p + 2 < close && m_pattern[p + 1] == '-') {
+                auto high = static_cast<unsigned char>(m_pattern[p + 2]);
+                if (c <= high) {
+                    ByteSet range;
+                    for (int byte = c; byte <= high; ++byte) range.set(static_cast<std::size_t>(byte));
+                    appendRanges(range, members);
                 }
                 p += 3;
             } else {
-                if (member == c) return !negated;
+                escapeRegexLiteralChar(c, true, members);
                 ++p;
             }
         }
-        return negated;
-    }
-
-    bool singleMatch(std::size_t s, std::size_t p, std::size_t ep) const {
-        if (s >= m_subject.size()) return false;
-        unsigned char c = static_cast<unsigned char>(m_subject[s]);
-        switch (m_pattern[p]) {
-        case '.': return true;
-        case '%': return classMatches(c, static_cast<unsigned char>(m_pattern[p + 1]));
-        case '[': return setMatches(c, p, ep - 1);
-        default: return static_cast<unsigned char>(m_pattern[p]) == c;
+        if (members.empty()) {
+            m_out += negated ? "[\\s\\S]" : "[^\\s\\S]";
+        } else {
+            m_out += negated ? "[^" : "[";
+            m_out += members;
+            m_out += ']';
         }
+        return close + 1;
     }
 
-    std::size_t maxExpand(std::size_t s, std::size_t p, std::size_t ep) {
-        std::size_t count = 0;
-        while (singleMatch(s + count, p, ep)) {
-            ++count;
-            tick();
-        }
-        while (true) {
-            tick();
-            std::size_t result = match(s + count, ep + 1);
-            if (result != std::string_view::npos) return result;
-            if (count == 0) return std::string_view::npos;
-            --count;
-        }
-    }
-
-    std::size_t minExpand(std::size_t s, std::size_t p, std::size_t ep) {
-        while (true) {
-            tick();
-            std::size_t result = match(s, ep + 1);
-            if (result != std::string_view::npos) return result;
-            if (!singleMatch(s, p, ep)) return std::string_view::npos;
-            ++s;
-        }
-    }
-
-    std::size_t startCapture(std::size_t s, std::size_t p, bool isPosition) {
-        if (m_result.captureCount >= kMaxCaptures) fail("too many captures");
-        PatternMatch::Capture& capture = m_result.captures[m_result.captureCount++];
-        capture.start = s;
-        capture.length = isPosition ? 0 : kUnfinished;
-        capture.isPosition = isPosition;
-        std::size_t result = match(s, p);
-        if (result == std::string_view::npos) --m_result.captureCount;
-        return result;
-    }
-
-    std::size_t endCapture(std::size_t s, std::size_t p) {
-        int open = -1;
-        for (int i = m_result.captureCount - 1; i >= 0; --i) {
-            if (m_result.captures[i].length == kUnfinished && !m_result.captures[i].isPosition) {
-                open = i;
-                break;
-            }
-        }
-        if (open < 0) fail("invalid pattern capture");
-        PatternMatch::Capture& capture = m_result.captures[open];
-        capture.length = s - capture.start;
-        std::size_t result = match(s, p);
-        if (result == std::string_view::npos) capture.length = kUnfinished;
-        return result;
-    }
-
-    std::size_t match(std::size_t s, std::size_t p) {
-        if (++m_depth > kMaxMatchDepth) fail("pattern too complex");
-        tick();
-        struct Leave {
-            int& depth;
-            ~Leave() { --depth; }
-        } leave{m_depth};
-        while (true) {
-            if (p >= m_pattern.size()) return s;
-            char c = m_pattern[p];
-            if (c == '(') {
-                if (p + 1 < m_pattern.size() && m_pattern[p + 1] == ')') return startCapture(s, p + 2, true);
-                return startCapture(s, p + 1, false);
-            }
-            if (c == ')') return endCapture(s, p + 1);
-            if (c == '$' && p + 1 == m_pattern.size()) return s == m_subject.size() ? s : std::string_view::npos;
-            std::size_t ep = classEnd(p);
-            char quantifier = ep < m_pattern.size() ? m_pattern[ep] : '\0';
-            if (quantifier == '?') {
-                if (singleMatch(s, p, ep)) {
-                    std::size_t result = match(s + 1, ep + 1);
-                    if (result != std::string_view::npos) return result;
-                }
-                p = ep + 1;
-                continue;
-            }
-            if (quantifier == '+') return singleMatch(s, p, ep) ? maxExpand(s + 1, p, ep) : std::string_view::npos;
-            if (quantifier == '*') return maxExpand(s, p, ep);
-            if (quantifier == '-') return minExpand(s, p, ep);
-            if (!singleMatch(s, p, ep)) return std::string_view::npos;
-            ++s;
-            p = ep;
-        }
-    }
-
-    LuaVM::Impl& m_vm;
-    std::string_view m_subject;
     std::string_view m_pattern;
-    PatternMatch& m_result;
-    int m_depth = 0;
-    std::size_t m_work = 0;
-    std::size_t m_workBlocks = 0;
-    std::size_t m_workLimit;
+    std::string m_out;
+    int m_captures = 0;
+    int m_items = 0;
 };
 
-void finishCaptures(LuaVM::Impl& vm, PatternMatch& match) {
-    for (int i = 0; i < match.captureCount; ++i) {
-        if (match.captures[i].length == kUnfinished) vm.failRuntime(vm.m_currentLine, "unfinished capture");
-    }
-}
+struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+
+struct PatternCache {
+    std::unordered_map<std::string, std::shared_ptr<const RegexProgram>, TextHash, std::equal_to<>> programs;
+    std::string lastPattern;
+    std::shared_ptr<const RegexProgram> lastProgram;
+};
+
+void countMatchWork(void* context) { static_cast<LuaVM::Impl*>(context)->countStep(); }
 
 } // namespace
+
+void escapeRegexLiteralChar(unsigned char c, bool inBracket, std::string& out) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    if (c < 0x20 || c >= 0x7f) {
+        out += "\\x";
+        out += kDigits[c >> 4];
+        out += kDigits[c & 15];
+        return;
+    }
+    std::string_view special = inBracket ? "\\]^-[" : "\\^$.|?*+()[]{}";
+    if (special.find(static_cast<char>(c)) != std::string_view::npos) out += '\\';
+    out += static_cast<char>(c);
+}
+
+std::string translateLuaPatternToRegex(std::string_view pattern) { return PatternTranslator(pattern).translate(); }
 
 bool isPlainPattern(std::string_view pattern) {
     return pattern.find_first_of("^$*+?.([%-") == std::string_view::npos;
 }
 
-bool matchPatternAt(LuaVM::Impl& vm, std::string_view subject, std::string_view pattern, std::size_t at, PatternMatch& match) {
-    Matcher matcher(vm, subject, pattern, match);
-    std::size_t end = matcher.matchFrom(at, 0);
-    if (end == std::string_view::npos) return false;
-    finishCaptures(vm, match);
-    match.start = at;
-    match.end = end;
+std::shared_ptr<const RegexProgram> compilePattern(LuaVM::Impl& vm, std::string_view pattern) {
+    thread_local PatternCache cache;
+    if (cache.lastProgram && cache.lastPattern == pattern) return cache.lastProgram;
+    auto found = cache.programs.find(pattern);
+    if (found != cache.programs.end()) {
+        cache.lastPattern = pattern;
+        cache.lastProgram = found->second;
+        return found->second;
+    }
+    std::string regex;
+    try {
+        regex = translateLuaPatternToRegex(pattern);
+    } catch (const PatternSyntaxError& error) {
+        vm.failRuntime(vm.m_currentLine, error.message);
+    }
+    RegexSyntaxError syntaxError;
+    std::shared_ptr<const RegexProgram> program = compileRegex(regex, syntaxError);
+    // The translation only writes what the engine reads; a failure here is a fault in one of them.
+    if (!program) vm.failRuntime(vm.m_currentLine, "malformed pattern (" + syntaxError.message + ")");
+    if (pattern.size() <= kLongestCachedPattern) {
+        if (cache.programs.size() >= kPatternCacheEntries) cache.programs.clear();
+        cache.programs.emplace(std::string(pattern), program);
+        cache.lastPattern = pattern;
+        cache.lastProgram = program;
+    }
+    return program;
+}
+
+bool findCompiledPattern(LuaVM::Impl& vm, const RegexProgram& program, std::string_view subject, std::size_t init,
+                         PatternMatch& match) {
+    if (init > subject.size()) return false;
+    RegexBudget budget;
+    budget.stepLimit = std::max(kMinimumMatchWork, subject.size() * kMatchWorkPerByte);
+    budget.onBlock = countMatchWork;
+    budget.context = &vm;
+    thread_local RegexSpans spans;
+    RegexOutcome outcome = searchRegex(program, subject, init, budget, spans);
+    if (outcome == RegexOutcome::TooComplex) vm.failRuntime(vm.m_currentLine, "pattern matching is too complex");
+    if (outcome == RegexOutcome::NotFound) return false;
+    match.start = spans.starts[0];
+    match.end = spans.ends[0];
+    match.captureCount = regexGroupCount(program);
+    for (int i = 0; i < match.captureCount; ++i) {
+        auto group = static_cast<std::size_t>(i + 1);
+        PatternMatch::Capture& capture = match.captures[i];
+        capture.isSet = spans.starts[group] != RegexSpans::kUnset;
+        capture.isPosition = regexGroupIsEmpty(program, i + 1);
+        capture.start = capture.isSet ? spans.starts[group] : 0;
+        capture.length = capture.isSet ? spans.ends[group] - spans.starts[group] : 0;
+    }
     return true;
 }
 
 bool findPattern(LuaVM::Impl& vm, std::string_view subject, std::string_view pattern, std::size_t init, PatternMatch& match) {
-    if (init > subject.size()) return false;
-    bool anchored = !pattern.empty() && pattern[0] == '^';
-    if (anchored) pattern.remove_prefix(1);
-    Matcher matcher(vm, subject, pattern, match);
-    for (std::size_t at = init;; ++at) {
-        matcher.tick();
-        std::size_t end = matcher.matchFrom(at, 0);
-        if (end != std::string_view::npos) {
-            finishCaptures(vm, match);
-            match.start = at;
-            match.end = end;
-            return true;
-        }
-        if (anchored || at >= subject.size()) return false;
-    }
+    std::shared_ptr<const RegexProgram> program = compilePattern(vm, pattern);
+    return findCompiledPattern(vm, *program, subject, init, match);
 }
 
 Value captureValue(std::string_view subject, const PatternMatch& match, int index) {
     if (index == 0 && match.captureCount == 0) return Value::string(subject.substr(match.start, match.end - match.start));
     const PatternMatch::Capture& capture = match.captures[index == 0 ? 0 : index - 1];
+    if (!capture.isSet) return Value();
     if (capture.isPosition) return Value::integer(static_cast<std::int64_t>(capture.start) + 1);
     return Value::string(subject.substr(capture.start, capture.length));
 }

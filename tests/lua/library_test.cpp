@@ -133,6 +133,9 @@ INSTANTIATE_TEST_SUITE_P(Messages, LibraryErrors, ::testing::Values(
     LibraryErrorCase{"string.find('a', '(')", "test:1: unfinished capture"},
     LibraryErrorCase{"string.find('a', '%')", "test:1: malformed pattern (ends with '%')"},
     LibraryErrorCase{"string.find('a', '[a')", "test:1: malformed pattern (missing ']')"},
+    LibraryErrorCase{"string.find('a', '%a)')", "test:1: invalid pattern capture"},
+    LibraryErrorCase{"string.find('a', string.rep('()', 33))", "test:1: too many captures"},
+    LibraryErrorCase{"string.gsub('a', string.rep('a?', 201), '')", "test:1: pattern too complex"},
     // Regression: the result count used to be computed with a signed overflow.
     LibraryErrorCase{"table.unpack({}, math.mininteger, math.maxinteger)", "test:1: too many results to unpack"},
     LibraryErrorCase{"string.byte(string.rep('a', 2000000), 1, -1)", "test:1: string slice too long"},
