@@ -90,18 +90,24 @@ void placeUnscaled(MirelImage& target, const MirelImage& source, SourceRect part
     const int targetX = static_cast<int>(x + firstColumn), targetY = static_cast<int>(y + firstRow);
     const std::size_t rowBytes = static_cast<std::size_t>(columns) * 4;
 
+    // Rows that span both images edge to edge lie back to back in both blocks: a run of them is
+    // one copy.
+    const bool wholeRows = columns == source.width && columns == target.width;
     auto drawRows = [&](int first, int end) {
-        for (int row = first; row < end; ++row) {
-            const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY + row);
-            std::uint8_t* to = target.pixels.get() + pixelOffset(target, targetX, targetY + row);
-            if (blend == Blend::Copy) {
-                std::memcpy(to, from, rowBytes);
-                continue;
-            }
-            blendRow(to, from, static_cast<std::size_t>(columns));
+        const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY + first);
+        std::uint8_t* to = target.pixels.get() + pixelOffset(target, targetX, targetY + first);
+        const std::size_t sourceStride = static_cast<std::size_t>(source.width) * 4;
+        const std::size_t targetStride = static_cast<std::size_t>(target.width) * 4;
+        if (blend == Blend::Copy && wholeRows) {
+            std::memcpy(to, from, rowBytes * static_cast<std::size_t>(end - first));
+            return;
+        }
+        for (int row = first; row < end; ++row, from += sourceStride, to += targetStride) {
+            if (blend == Blend::Copy) std::memcpy(to, from, rowBytes);
+            else blendRow(to, from, static_cast<std::size_t>(columns));
         }
     };
-    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Claimed, drawRows);
 }
 
 // The general placement. The scaled rectangle (part.width × scale by part.height × scale) has
@@ -170,7 +176,7 @@ void placeTransformed(MirelImage& target, const MirelImage& source, SourceRect p
             }
         }
     };
-    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Claimed, drawRows);
 }
 
 void placeImage(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend,
