@@ -64,4 +64,14 @@ inline void blendPixel(std::uint8_t* target, const std::uint8_t* source) {
     target[3] = static_cast<std::uint8_t>(targetAlpha + alpha - divideBy255(targetAlpha * alpha));
 }
 
+// Which code blends a row: the fastest the processor has, the SSE2 one (where the build has
+// SSE2), or one pixel at a time. All give the same bytes; the choice exists for tests.
+enum class BlendPath { Best, Sse2, Scalar };
+
+// The blend rule over `count` pixels of source onto target (blend_row.cpp).
+void blendRow(std::uint8_t* target, const std::uint8_t* source, std::size_t count, BlendPath path = BlendPath::Best);
+
+// blendPixel over `count` pixels, one at a time: the reference the vector paths must match.
+void blendRowScalar(std::uint8_t* target, const std::uint8_t* source, std::size_t count);
+
 }  // namespace quillfen::mirel_detail
