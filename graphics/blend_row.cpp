@@ -41,11 +41,11 @@ std::size_t blendRowSse2(std::uint8_t* target, const std::uint8_t* source, std::
     std::size_t index = 0;
     for (; index + 4 <= count; index += 4) {
         const __m128i from = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + index * 4));
-        const __m128i sourceAlpha = _mm_and_si128(from, alphaBytes);
-        // Runs of fully transparent or fully opaque pixels, common in sprites, skip the arithmetic.
-        if (_mm_movemask_epi8(_mm_cmpeq_epi32(sourceAlpha, zero)) == 0xFFFF) continue;
+        // Runs of fully transparent or fully opaque pixels, common in sprites, skip the arithmetic
+        // (bits 3, 7, 11 and 15 of a byte mask are the four alpha bytes).
+        if ((_mm_movemask_epi8(_mm_cmpeq_epi8(from, zero)) & 0x8888) == 0x8888) continue;
         std::uint8_t* to = target + index * 4;
-        if (_mm_movemask_epi8(_mm_cmpeq_epi32(sourceAlpha, alphaBytes)) == 0xFFFF) {
+        if ((_mm_movemask_epi8(_mm_cmpeq_epi8(from, alphaBytes)) & 0x8888) == 0x8888) {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(to), from);
             continue;
         }
