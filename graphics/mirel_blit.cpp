@@ -10,10 +10,6 @@
 #include <cstring>
 #include <tuple>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 namespace quillfen {
 
 namespace {
@@ -23,40 +19,6 @@ using mirel_detail::blendPixel;
 // Work of fewer destination pixels than this is not worth starting threads for.
 constexpr std::int64_t kParallelBlitPixels = 180000;
 constexpr double kRadiansPerDegree = 0.017453292;
-
-#if defined(__SSE2__)
-// x / 255 in each 16-bit lane holding a product of two bytes (the same identity as divideBy255).
-inline __m128i divideLanesBy255(__m128i x) {
-    return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(x, _mm_set1_epi16(1)), _mm_srli_epi16(x, 8)), 8);
-}
-
-// The blend rule for two pixels widened to 16-bit lanes (R G B A R G B A).
-inline __m128i blendTwoPixels(__m128i target, __m128i source) {
-    const __m128i alpha = _mm_shufflehi_epi16(_mm_shufflelo_epi16(source, _MM_SHUFFLE(3, 3, 3, 3)), _MM_SHUFFLE(3, 3, 3, 3));
-    const __m128i inverse = _mm_sub_epi16(_mm_set1_epi16(255), alpha);
-    const __m128i colour = divideLanesBy255(_mm_add_epi16(_mm_mullo_epi16(target, inverse), _mm_mullo_epi16(source, alpha)));
-    const __m128i accumulated = _mm_sub_epi16(_mm_add_epi16(target, alpha), divideLanesBy255(_mm_mullo_epi16(target, alpha)));
-    const __m128i alphaLanes = _mm_set_epi16(-1, 0, 0, 0, -1, 0, 0, 0);
-    return _mm_or_si128(_mm_andnot_si128(alphaLanes, colour), _mm_and_si128(alphaLanes, accumulated));
-}
-#endif
-
-// The blend rule along a run of pixels: four at a time in SSE2 registers where available (the
-// same integer arithmetic, so the same bytes), the rest one by one.
-void blendRow(std::uint8_t* target, const std::uint8_t* source, std::size_t count) {
-    std::size_t index = 0;
-#if defined(__SSE2__)
-    const __m128i zero = _mm_setzero_si128();
-    for (; index + 4 <= count; index += 4) {
-        const __m128i from = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + index * 4));
-        const __m128i to = _mm_loadu_si128(reinterpret_cast<const __m128i*>(target + index * 4));
-        const __m128i low = blendTwoPixels(_mm_unpacklo_epi8(to, zero), _mm_unpacklo_epi8(from, zero));
-        const __m128i high = blendTwoPixels(_mm_unpackhi_epi8(to, zero), _mm_unpackhi_epi8(from, zero));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(target + index * 4), _mm_packus_epi16(low, high));
-    }
-#endif
-    for (; index < count; ++index) blendPixel(target + index * 4, source + index * 4);
-}
 
 int blitThreads(std::int64_t rows, std::int64_t columns) {
     if (rows * columns < kParallelBlitPixels) return 1;
@@ -90,18 +52,24 @@ void placeUnscaled(MirelImage& target, const MirelImage& source, SourceRect part
     const int targetX = static_cast<int>(x + firstColumn), targetY = static_cast<int>(y + firstRow);
     const std::size_t rowBytes = static_cast<std::size_t>(columns) * 4;
 
+    // Rows that span both images edge to edge lie back to back in both blocks: a run of them is
+    // one copy.
+    const bool wholeRows = columns == source.width && columns == target.width;
     auto drawRows = [&](int first, int end) {
-        for (int row = first; row < end; ++row) {
-            const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY + row);
-            std::uint8_t* to = target.pixels.get() + pixelOffset(target, targetX, targetY + row);
-            if (blend == Blend::Copy) {
-                std::memcpy(to, from, rowBytes);
-                continue;
-            }
-            blendRow(to, from, static_cast<std::size_t>(columns));
+        const std::uint8_t* from = source.pixels.get() + pixelOffset(source, sourceX, sourceY + first);
+        std::uint8_t* to = target.pixels.get() + pixelOffset(target, targetX, targetY + first);
+        const std::size_t sourceStride = static_cast<std::size_t>(source.width) * 4;
+        const std::size_t targetStride = static_cast<std::size_t>(target.width) * 4;
+        if (blend == Blend::Copy && wholeRows) {
+            std::memcpy(to, from, rowBytes * static_cast<std::size_t>(end - first));
+            return;
+        }
+        for (int row = first; row < end; ++row, from += sourceStride, to += targetStride) {
+            if (blend == Blend::Copy) std::memcpy(to, from, rowBytes);
+            else mirel_detail::blendRow(to, from, static_cast<std::size_t>(columns));
         }
     };
-    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Claimed, drawRows);
 }
 
 // The general placement. The scaled rectangle (part.width × scale by part.height × scale) has
@@ -170,7 +138,7 @@ void placeTransformed(MirelImage& target, const MirelImage& source, SourceRect p
             }
         }
     };
-    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Balanced, drawRows);
+    mirel_detail::forEachRowRange(rows, blitThreads(rows, columns), mirel_detail::RowSplit::Claimed, drawRows);
 }
 
 void placeImage(MirelImage& target, const MirelImage& source, SourceRect part, int x, int y, Blend blend,

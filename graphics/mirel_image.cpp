@@ -4,16 +4,29 @@
 
 #include "graphics/mirel_internal.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
-#include <vector>
+#include <utility>
+
+#if !defined(_WIN32) && (defined(__unix__) || defined(__APPLE__))
+#define KORVEL_POSIX_WORKERS 1
+#include <pthread.h>
+#include <sched.h>
+#else
+#define KORVEL_POSIX_WORKERS 0
+#endif
 
 namespace quillfen {
 
@@ -154,43 +167,160 @@ int threadsForRows(int rows) {
     return std::max(1, std::min(mirelThreadCount(), rows));
 }
 
-void forEachRowRange(int rows, int threads, RowSplit split, const std::function<void(int, int)>& work) {
+namespace {
+
+// One call's row work, shared by the threads that do it. Every participant takes the next
+// unclaimed range from `nextRange` until none is left, so which thread does a range does not
+// matter and a thread that starts after the work is gone returns at once.
+struct RowJob {
+    RowWork work = nullptr;
+    void* context = nullptr;
+    RowSplit split = RowSplit::Claimed;
+    std::int64_t rows = 0;
+    std::int64_t threads = 0;
+    std::int64_t rangeCount = 0;
+    std::int64_t claimRows = 1;  // rows per range for RowSplit::Claimed
+    std::atomic<std::int64_t> nextRange{0};
+};
+
+// Rows [first, end) of range `index`: the per-thread ranges of the fixed splits, or the small
+// runs of a claimed split.
+std::pair<std::int64_t, std::int64_t> rangeOf(const RowJob& job, std::int64_t index) {
+    switch (job.split) {
+    case RowSplit::Chunked: {
+        const std::int64_t chunk = (job.rows + job.threads - 1) / job.threads;
+        const std::int64_t first = std::min(job.rows, index * chunk);
+        return {first, index == job.threads - 1 ? job.rows : std::min(job.rows, first + chunk)};
+    }
+    case RowSplit::Balanced: {
+        const std::int64_t base = job.rows / job.threads, extra = job.rows % job.threads;
+        const std::int64_t first = index * base + std::min(index, extra);
+        return {first, first + base + (index < extra ? 1 : 0)};
+    }
+    case RowSplit::Claimed:
+        break;
+    }
+    const std::int64_t first = index * job.claimRows;
+    return {first, std::min(job.rows, first + job.claimRows)};
+}
+
+void drainRows(RowJob& job) {
+    for (;;) {
+        const std::int64_t index = job.nextRange.fetch_add(1, std::memory_order_relaxed);
+        if (index >= job.rangeCount) return;
+        const auto [first, end] = rangeOf(job, index);
+        if (first < end) job.work(job.context, static_cast<int>(first), static_cast<int>(end));
+    }
+}
+
+// The threads of one call: the calling thread starts the workers one after another, takes rows
+// itself, and joins them. (Starting them as a tree, each worker starting two more, was tried:
+// on a two-core machine concurrent thread starts contend in the kernel and the whole took
+// longer, with occasional stalls of a scheduler tick.)
+struct Workers {
+#if KORVEL_POSIX_WORKERS
+    pthread_t* handles = nullptr;
+#else
+    std::thread* handles = nullptr;
+#endif
+    int started = 0;
+};
+
+#if KORVEL_POSIX_WORKERS
+// Workers run only row loops; a small explicit stack keeps their footprint low (sanitizer builds
+// need more room per frame).
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t kWorkerStackBytes = 1024 * 1024;
+#else
+constexpr std::size_t kWorkerStackBytes = 256 * 1024;
+#endif
+#endif
+
+#if KORVEL_POSIX_WORKERS
+void* workerEntry(void* job) {
+    drainRows(*static_cast<RowJob*>(job));
+    return nullptr;
+}
+
+// Starts up to `count` workers on `job`, stopping at the first the system refuses.
+void startWorkers(Workers& workers, int count, RowJob& job) {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) return;
+    pthread_attr_setstacksize(&attributes, kWorkerStackBytes);
+    while (workers.started < count && pthread_create(&workers.handles[workers.started], &attributes, workerEntry, &job) == 0)
+        ++workers.started;
+    pthread_attr_destroy(&attributes);
+}
+
+void joinWorkers(Workers& workers) {
+#if defined(__GLIBC__)
+    // A worker ends a few microseconds after its last row. Blocking in pthread_join puts this
+    // thread to sleep and its wake-up costs more than that on a virtual machine, so poll (giving
+    // the core away each time, in case a worker waits for it) for a short while first.
+    const auto giveUpAt = std::chrono::steady_clock::now() + std::chrono::microseconds(200);
+    for (int index = 0; index < workers.started; ++index) {
+        while (pthread_tryjoin_np(workers.handles[index], nullptr) != 0) {
+            if (std::chrono::steady_clock::now() > giveUpAt) {
+                pthread_join(workers.handles[index], nullptr);
+                break;
+            }
+            sched_yield();
+        }
+    }
+#else
+    for (int index = 0; index < workers.started; ++index) pthread_join(workers.handles[index], nullptr);
+#endif
+}
+#else
+void startWorkers(Workers& workers, int count, RowJob& job) {
+    try {
+        for (; workers.started < count; ++workers.started) workers.handles[workers.started] = std::thread(drainRows, std::ref(job));
+    } catch (const std::system_error&) {
+    }
+}
+
+void joinWorkers(Workers& workers) {
+    for (int index = 0; index < workers.started; ++index) workers.handles[index].join();
+}
+#endif
+
+}  // namespace
+
+void runRowRanges(int rows, int threads, RowSplit split, RowWork work, void* context) {
     if (rows <= 0) return;
     threads = std::min(threads, rows);
     if (threads < 2) {
-        work(0, rows);
+        work(context, 0, rows);
         return;
     }
-    std::vector<std::pair<int, int>> ranges;
-    ranges.reserve(static_cast<std::size_t>(threads));
-    if (split == RowSplit::Chunked) {
-        const int chunk = rows / threads + (rows % threads != 0 ? 1 : 0);
-        for (int index = 0; index < threads; ++index) {
-            const int first = std::min(rows, index * chunk);
-            const int end = index == threads - 1 ? rows : std::min(rows, first + chunk);
-            if (first < end) ranges.emplace_back(first, end);
-        }
-    } else {
-        const int base = rows / threads, extra = rows % threads;
-        int first = 0;
-        for (int index = 0; index < threads; ++index) {
-            const int end = first + base + (index < extra ? 1 : 0);
-            ranges.emplace_back(first, end);
-            first = end;
-        }
+    RowJob job;
+    job.work = work;
+    job.context = context;
+    job.split = split;
+    job.rows = rows;
+    job.threads = threads;
+    job.rangeCount = threads;
+    if (split == RowSplit::Claimed) {
+        // About four runs per thread: enough to even out threads that start late or share a
+        // core, few enough that claiming costs nothing next to a run's work.
+        job.claimRows = std::max<std::int64_t>(1, rows / (std::int64_t{threads} * 4));
+        job.rangeCount = (job.rows + job.claimRows - 1) / job.claimRows;
     }
-    std::vector<std::thread> workers;
-    workers.reserve(ranges.size());
-    for (std::size_t index = 1; index < ranges.size(); ++index) {
-        const auto [first, end] = ranges[index];
-        try {
-            workers.emplace_back(work, first, end);
-        } catch (const std::system_error&) {
-            work(first, end);  // no thread to be had: do this range here
-        }
+    // The usual thread settings need no allocation: their handles live on this stack.
+    constexpr int kInlineHandles = 16;
+    using Handle = std::remove_pointer_t<decltype(Workers::handles)>;
+    Handle inlineHandles[kInlineHandles] = {};
+    std::unique_ptr<Handle[]> extraHandles;
+    Workers workers;
+    workers.handles = inlineHandles;
+    if (threads - 1 > kInlineHandles) {
+        extraHandles = std::make_unique<Handle[]>(static_cast<std::size_t>(threads - 1));
+        workers.handles = extraHandles.get();
     }
-    work(ranges[0].first, ranges[0].second);
-    for (std::thread& worker : workers) worker.join();
+    // A refused thread is no loss: the threads that did start, and this one, take its rows.
+    startWorkers(workers, threads - 1, job);
+    drainRows(job);
+    joinWorkers(workers);
 }
 
 }  // namespace mirel_detail

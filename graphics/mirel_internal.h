@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <type_traits>
 
 namespace quillfen::mirel_detail {
 
@@ -14,13 +14,30 @@ enum class RowSplit {
     Chunked,
     // rows / threads each, the first (rows mod threads) threads taking one row more.
     Balanced,
+    // Small runs of rows handed out from a shared counter to whichever thread asks first, so a
+    // thread that starts late (or not at all) costs no waiting: for work whose result does not
+    // depend on which thread does which row.
+    Claimed,
 };
 
-// Runs work(firstRow, endRow) over [0, rows) on `threads` disjoint ranges and returns when all
-// are done. Fewer than 2 threads (or a single row) runs inline. One range runs on the calling
-// thread; if the system refuses a new thread, its range runs inline too, so the work is always
-// complete on return.
-void forEachRowRange(int rows, int threads, RowSplit split, const std::function<void(int, int)>& work);
+// The work of one row range: called as work(context, firstRow, endRow).
+using RowWork = void (*)(void* context, int firstRow, int endRow);
+
+// Runs work over [0, rows) on `threads` short-lived threads (the calling thread being one of
+// them) and returns when all rows are done. Fewer than 2 threads (or a single row) runs inline.
+// If the system refuses a new thread, the threads there are do its share, so the work is
+// always complete on return.
+void runRowRanges(int rows, int threads, RowSplit split, RowWork work, void* context);
+
+// The same for any callable taking (firstRow, endRow), without allocating or type erasure
+// beyond one function pointer.
+template <typename Work>
+void forEachRowRange(int rows, int threads, RowSplit split, Work&& work) {
+    using Callable = std::remove_reference_t<Work>;
+    runRowRanges(rows, threads, split,
+                 [](void* context, int firstRow, int endRow) { (*static_cast<Callable*>(context))(firstRow, endRow); },
+                 const_cast<void*>(static_cast<const void*>(&work)));
+}
 
 // The thread setting limited to the row count, at least 1.
 int threadsForRows(int rows);
@@ -46,5 +63,15 @@ inline void blendPixel(std::uint8_t* target, const std::uint8_t* source) {
     target[2] = static_cast<std::uint8_t>(divideBy255(target[2] * inverse + source[2] * alpha));
     target[3] = static_cast<std::uint8_t>(targetAlpha + alpha - divideBy255(targetAlpha * alpha));
 }
+
+// Which code blends a row: the fastest the processor has, the SSE2 one (where the build has
+// SSE2), or one pixel at a time. All give the same bytes; the choice exists for tests.
+enum class BlendPath { Best, Sse2, Scalar };
+
+// The blend rule over `count` pixels of source onto target (blend_row.cpp).
+void blendRow(std::uint8_t* target, const std::uint8_t* source, std::size_t count, BlendPath path = BlendPath::Best);
+
+// blendPixel over `count` pixels, one at a time: the reference the vector paths must match.
+void blendRowScalar(std::uint8_t* target, const std::uint8_t* source, std::size_t count);
 
 }  // namespace quillfen::mirel_detail

@@ -3,6 +3,7 @@
 // the upscale, dither and block smoothing filters in megapixels per second with 1 and 2 threads.
 // Prints medians and ratios; never fails on timing.
 #include "graphics/mirel_image.h"
+#include "graphics/mirel_internal.h"
 
 #include <algorithm>
 #include <chrono>
@@ -89,6 +90,16 @@ void benchBlits() {
         report("  memcpy of the same bytes, alternating", memcpySeconds, pixels);
         std::printf("    ratio to memcpy: %.2f\n", seconds / memcpySeconds);
     }
+    // What the thread split costs by itself: starting and joining the workers of a call whose
+    // rows do nothing. Against the memcpy above this is the floor of a threaded blit.
+    for (int threads : {2, 6}) {
+        const double seconds = medianSeconds([&] {
+            quillfen::mirel_detail::forEachRowRange(kHeight, threads, quillfen::mirel_detail::RowSplit::Claimed, [](int, int) {});
+        });
+        char name[64];
+        std::snprintf(name, sizeof name, "start and join %d threads, no work", threads);
+        std::printf("  %-44s %9.1f us\n", name, seconds * 1e6);
+    }
 
     auto alphaBlit = [&] { blitImage(*target, *translucent, 0, 0, quillfen::Blend::Alpha, 1, 0); };
 #if defined(KORVEL_HAVE_PIXMAN)
@@ -119,6 +130,21 @@ void benchBlits() {
 #else
     std::printf("  pixman not found (libpixman-1-dev): the OVER composite comparison is skipped\n");
 #endif
+
+    // The row kernels alone, one thread, whole picture: what the vector paths buy.
+    {
+        using quillfen::mirel_detail::BlendPath;
+        auto scratch = noiseImage(kWidth, kHeight, 1, true);
+        for (auto [path, label] : {std::pair{BlendPath::Best, "best for this processor"}, std::pair{BlendPath::Sse2, "SSE2"},
+                                   std::pair{BlendPath::Scalar, "one pixel at a time"}}) {
+            const double seconds = medianSeconds([&, path = path] {
+                quillfen::mirel_detail::blendRow(scratch->pixels.get(), translucent->pixels.get(), static_cast<std::size_t>(pixels), path);
+            });
+            char name[64];
+            std::snprintf(name, sizeof name, "blend rows only, %s", label);
+            report(name, seconds, pixels);
+        }
+    }
 
     quillfen::setMirelThreadCount(1);
     auto small = noiseImage(256, 256, 4, false);
