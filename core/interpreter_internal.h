@@ -178,7 +178,8 @@ public:
     T& emplace_back() {
         if (m_used == m_blockSize) {
             m_blockSize = m_blocks.empty() ? 8 : std::min<std::size_t>(m_blockSize * 2, 256);
-            m_blocks.push_back(std::make_unique<T[]>(m_blockSize));
+            // Default- rather than value-initialised: the constructor sets every member once.
+            m_blocks.push_back(std::make_unique_for_overwrite<T[]>(m_blockSize));
             m_used = 0;
         }
         return m_blocks.back()[m_used++];
