@@ -159,5 +159,57 @@ TEST(BytecodeTest, CorruptionBehindAValidChecksumNeverCrashes) {
     EXPECT_GT(ran, 0);
 }
 
+// Numbers of every encoded length, read where the reader has plenty of bytes left and where
+// the number ends exactly at the end of the data (the two paths of the reader).
+TEST(ByteStreamTest, VarintsOfEveryLengthReadBackAnywhere) {
+    const std::vector<std::uint64_t> values = {0, 1, 127, 128, 300, 16383, 16384, 0xffffffffu,
+                                               std::uint64_t{1} << 56, ~std::uint64_t{0}};
+    for (std::uint64_t value : values) {
+        for (std::size_t padding : {std::size_t{0}, std::size_t{12}}) {
+            ByteWriter out;
+            out.varint(value);
+            out.svarint(-static_cast<std::int64_t>(value >> 1));
+            for (std::size_t i = 0; i < padding; ++i) out.u8(0);
+            ByteReader in(out.bytes().data(), out.bytes().size());
+            EXPECT_EQ(in.varint(), value) << value << " padding " << padding;
+            EXPECT_EQ(in.svarint(), -static_cast<std::int64_t>(value >> 1)) << value << " padding " << padding;
+            EXPECT_EQ(in.remaining(), padding);
+        }
+    }
+}
+
+TEST(ByteStreamTest, BadNumbersCountsAndTextsAreRefused) {
+    struct Case {
+        const char* what;
+        std::vector<std::uint8_t> bytes;
+        const char* message;
+    };
+    std::vector<std::uint8_t> endless(16, 0x80);  // never ends within 64 bits, with room to spare
+    std::vector<std::uint8_t> endlessShort(10, 0xff);
+    std::vector<Case> cases = {
+        {"number cut short", {0x80, 0x80}, "truncated"},
+        {"number cut short, long data", {0xff}, "truncated"},
+        {"endless number", endless, "malformed number"},
+        {"endless number at the end", endlessShort, "malformed number"},
+        {"text longer than the data", {5, 'a', 'b'}, "impossible text length count"},
+        {"huge text length", {0xff, 0xff, 0xff, 0xff, 0x0f}, "impossible text length count"},
+    };
+    for (const Case& c : cases) {
+        ByteReader in(c.bytes.data(), c.bytes.size());
+        try {
+            if (std::string_view(c.message).find("text") != std::string_view::npos) in.textView();
+            else in.varint();
+            ADD_FAILURE() << c.what << ": accepted";
+        } catch (const ByteReadError& error) {
+            EXPECT_EQ(error.message, c.message) << c.what;
+        }
+    }
+    const std::uint8_t three[] = {1, 2, 3};
+    ByteReader in(three, sizeof three);
+    EXPECT_EQ(in.view(2), std::string_view("\x01\x02", 2));
+    EXPECT_THROW(in.view(2), ByteReadError);
+    EXPECT_EQ(in.remaining(), 1u);
+}
+
 }  // namespace
 }  // namespace korvel
