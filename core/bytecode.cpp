@@ -541,6 +541,22 @@ private:
     void finish() {
         for (NameRef* name : m_nameList)
             if (name->scope == -1 || name->scope == 1) name->globalSlot = m_vm.globalSlot(name->name);
+        // The compiler gives scalar functions to the trees of every statement but function
+        // declarations. When those hold nothing but constants ("function a.b()"), for which
+        // there is nothing to give, every other node is in a statement's tree (or in none,
+        // and never runs), and one pass in the image's order does the same work.
+        bool declarationTrees = false;
+        for (const CompiledLine& line : m_chunk->lines) {
+            if (!(isFunctionKind(line.lineKind) && line.proto)) continue;
+            if (line.expr || line.stop || line.step) declarationTrees = true;
+            for (const LValue& target : line.targets)
+                for (const FastExpression* key : target.keys)
+                    if (key->op != Op::Const) declarationTrees = true;
+        }
+        if (!declarationTrees) {
+            assignScalarFunctionsInOrder(m_nodeList);
+            return;
+        }
         for (CompiledLine& line : m_chunk->lines) {
             if (isFunctionKind(line.lineKind) && line.proto) continue;
             assignScalarFunctions(line.expr);

@@ -507,6 +507,9 @@ std::string directoryOfPath(const std::string& path);
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
 bool assignScalarFunctions(FastExpression* node);
+// The same for trees given as all their nodes, children before parents (a loaded image): one
+// pass, no recursion. Only for nodes that assignScalarFunctions would reach from their roots.
+void assignScalarFunctionsInOrder(std::span<FastExpression* const> nodes);
 
 // Arithmetic helpers shared by the evaluator and the library.
 Variable performOperation(const Variable& left, char op, const Variable& right);

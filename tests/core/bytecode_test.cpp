@@ -1,9 +1,13 @@
 // Bytecode images: what a program remembers about its source, and what a damaged image does.
 #include "core/byte_stream.h"
+#include "core/bytecode_internal.h"
 #include "core/korvel_script.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -157,6 +161,72 @@ TEST(BytecodeTest, CorruptionBehindAValidChecksumNeverCrashes) {
     }
     EXPECT_GT(refused, 0);
     EXPECT_GT(ran, 0);
+}
+
+// The loader gives nodes their scalar fast paths in one pass over the image rather than by
+// walking each statement's tree as the compiler does: both must choose the same for every
+// node of every test script.
+void expectSameTree(const FastExpression* compiled, const FastExpression* loaded, const std::string& where) {
+    ASSERT_EQ(compiled == nullptr, loaded == nullptr) << where;
+    if (!compiled) return;
+    EXPECT_EQ(compiled->op, loaded->op) << where;
+    EXPECT_EQ(compiled->height, loaded->height) << where;
+    EXPECT_EQ(compiled->scalar, loaded->scalar) << where << " op " << static_cast<int>(compiled->op);
+    EXPECT_EQ(compiled->constantBits, loaded->constantBits) << where;
+    expectSameTree(compiled->left, loaded->left, where);
+    expectSameTree(compiled->right, loaded->right, where);
+    ASSERT_EQ(compiled->items.size(), loaded->items.size()) << where;
+    for (std::size_t i = 0; i < compiled->items.size(); ++i) expectSameTree(compiled->items[i], loaded->items[i], where);
+}
+
+TEST(BytecodeTest, LoadedTreesGetTheCompilersScalarPaths) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> sources = {kProgram};
+    std::vector<std::string> names = {"program"};
+    for (const auto& entry : fs::recursive_directory_iterator(KORVEL_SCRIPT_TEST_DIR)) {
+        if (!entry.is_regular_file() || entry.path().extension() != ".ks") continue;
+        std::ifstream file(entry.path(), std::ios::binary);
+        std::stringstream text;
+        text << file.rdbuf();
+        sources.push_back(text.str());
+        names.push_back(entry.path().filename().string());
+    }
+    // A chain taller than the scalar paths take, with short branches that still get them.
+    std::string chain = "x = 1\ny = x";
+    for (int i = 0; i < 40; ++i) chain += " + x * " + std::to_string(i);
+    sources.push_back(chain + "\nprint(y)\n");
+    names.push_back("tall chain");
+    std::size_t compared = 0;
+    for (std::size_t s = 0; s < sources.size(); ++s) {
+        KorvelScript script;
+        Interpreter& vm = script.impl().vm;
+        ScriptError error("");
+        std::shared_ptr<Chunk> compiled = vm.compileChunk(sources[s], names[s], &error);
+        if (!compiled) continue;  // does not parse: no image to compare
+        std::vector<std::uint8_t> image = encodeBytecodeImage(*compiled);
+        std::shared_ptr<Chunk> loaded = decodeBytecodeImage(vm, image.data(), image.size());
+        ASSERT_EQ(compiled->lines.size(), loaded->lines.size()) << names[s];
+        for (std::size_t i = 0; i < compiled->lines.size(); ++i) {
+            const CompiledLine& a = compiled->lines[i];
+            const CompiledLine& b = loaded->lines[i];
+            std::string where = names[s] + " line " + std::to_string(i + 1);
+            // Declarations' targets get no fast paths from either (the loader marks their
+            // constants, which nothing reads there).
+            if (a.kind == StmtKind::FunctionDecl) continue;
+            expectSameTree(a.expr, b.expr, where);
+            expectSameTree(a.stop, b.stop, where);
+            expectSameTree(a.step, b.step, where);
+            ASSERT_EQ(a.targets.size(), b.targets.size()) << where;
+            for (std::size_t t = 0; t < a.targets.size(); ++t) {
+                ASSERT_EQ(a.targets[t].keys.size(), b.targets[t].keys.size()) << where;
+                for (std::size_t k = 0; k < a.targets[t].keys.size(); ++k)
+                    expectSameTree(a.targets[t].keys[k], b.targets[t].keys[k], where);
+            }
+        }
+        ++compared;
+        if (::testing::Test::HasFailure()) return;
+    }
+    EXPECT_GT(compared, 50u);
 }
 
 // Numbers of every encoded length, read where the reader has plenty of bytes left and where
