@@ -77,15 +77,11 @@ public:
         for (int i = 0; i < 8; ++i) value |= static_cast<std::uint64_t>(m_data[m_position++]) << (8 * i);
         return value;
     }
+    // Most numbers in these files are below 128: that case is inline, the rest out of line.
     std::uint64_t varint() {
-        if (m_position < m_size && m_data[m_position] < 0x80) return m_data[m_position++];  // most are one byte
-        std::uint64_t value = 0;
-        for (int shift = 0; shift < 64; shift += 7) {
-            std::uint8_t byte = u8();
-            value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
-            if (!(byte & 0x80)) return value;
-        }
-        throw ByteReadError{"malformed number"};
+        if (m_position < m_size && m_data[m_position] < 0x80) [[likely]]
+            return m_data[m_position++];
+        return longVarint();
     }
     std::int64_t svarint() {
         std::uint64_t raw = varint();
@@ -94,20 +90,31 @@ public:
     // A signed value that must lie in [low, high].
     std::int32_t ranged(std::int64_t low, std::int64_t high, const char* what) {
         std::int64_t value = svarint();
-        if (value < low || value > high) throw ByteReadError{std::string(what) + " out of range"};
+        if (value < low || value > high) [[unlikely]]
+            outOfRange(what);
         return static_cast<std::int32_t>(value);
     }
     // A count of items each taking at least minimumBytes: more than the rest could hold is a lie.
     std::size_t count(std::size_t minimumBytes, const char* what) {
         std::uint64_t value = varint();
         if (minimumBytes == 0) minimumBytes = 1;
-        if (value > remaining() / minimumBytes) throw ByteReadError{std::string("impossible ") + what + " count"};
+        if (value > remaining() / minimumBytes) [[unlikely]]
+            impossibleCount(what);
         return static_cast<std::size_t>(value);
     }
-    std::string text() {
+    std::string text() { return std::string(textView()); }
+    // A text as a view of the reader's bytes, valid while they are.
+    std::string_view textView() {
         std::size_t length = count(1, "text length");
-        std::string value(reinterpret_cast<const char*>(m_data + m_position), length);
+        std::string_view value(reinterpret_cast<const char*>(m_data + m_position), length);
         m_position += length;
+        return value;
+    }
+    // The next size bytes as a view of the reader's data.
+    std::string_view view(std::size_t size) {
+        need(size);
+        std::string_view value(reinterpret_cast<const char*>(m_data + m_position), size);
+        m_position += size;
         return value;
     }
     void raw(void* out, std::size_t size) {
@@ -117,6 +124,32 @@ public:
     }
 
 private:
+    [[gnu::noinline]] std::uint64_t longVarint() {
+        // A bounds check per number rather than per byte when the longest encoding fits.
+        if (m_size - m_position >= 10) {
+            std::uint64_t value = 0;
+            for (int shift = 0; shift < 64; shift += 7) {
+                std::uint8_t byte = m_data[m_position++];
+                value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+                if (!(byte & 0x80)) return value;
+            }
+            throw ByteReadError{"malformed number"};
+        }
+        std::uint64_t value = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            std::uint8_t byte = u8();
+            value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+            if (!(byte & 0x80)) return value;
+        }
+        throw ByteReadError{"malformed number"};
+    }
+    [[noreturn, gnu::noinline]] static void impossibleCount(const char* what) {
+        throw ByteReadError{std::string("impossible ") + what + " count"};
+    }
+    [[noreturn, gnu::noinline]] static void outOfRange(const char* what) {
+        throw ByteReadError{std::string(what) + " out of range"};
+    }
+
     void need(std::size_t bytes) const {
         if (bytes > m_size - m_position) throw ByteReadError{"truncated"};
     }

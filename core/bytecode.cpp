@@ -240,7 +240,7 @@ private:
         parsed.directory = m_in.text();
         std::size_t sourceCount = m_in.count(1, "source line");
         parsed.sourceLines.reserve(sourceCount);
-        for (std::size_t i = 0; i < sourceCount; ++i) parsed.sourceLines.push_back(m_in.text());
+        for (std::size_t i = 0; i < sourceCount; ++i) parsed.sourceLines.emplace_back(m_in.textView());
         std::size_t lineCount = m_in.count(2, "line");
         if (lineCount > static_cast<std::size_t>(INT32_MAX / 2)) refuse("too many lines");
         parsed.lines.resize(lineCount);
@@ -250,21 +250,21 @@ private:
             if (line.sourceLine >= 1 && static_cast<std::size_t>(line.sourceLine) <= parsed.sourceLines.size())
                 physical = parsed.sourceLines[static_cast<std::size_t>(line.sourceLine - 1)];
             std::size_t tokenCount = m_in.count(2, "token");
+            // Sized once from the checked count; each token is made once, in place.
             line.tokens.reserve(tokenCount);
-            line.columns.reserve(tokenCount);
+            line.columns.resize(tokenCount);
             for (std::size_t k = 0; k < tokenCount; ++k) {
                 std::uint64_t column = m_in.varint();
                 if (column > INT32_MAX) refuse("token column out of range");
-                line.columns.push_back(static_cast<std::uint32_t>(column));
+                line.columns[k] = static_cast<std::uint32_t>(column);
                 std::uint64_t lengthAndFlag = m_in.varint();
                 std::uint64_t length = lengthAndFlag >> 1;
                 if (lengthAndFlag & 1) {
                     if (column > physical.size() || length > physical.size() - column) refuse("token outside its line");
-                    line.tokens.emplace_back(physical.substr(static_cast<std::size_t>(column), static_cast<std::size_t>(length)));
+                    line.tokens.emplace_back(physical.data() + column, static_cast<std::size_t>(length));
                 } else {
                     if (length > m_in.remaining()) refuse("truncated");
-                    std::string& token = line.tokens.emplace_back(static_cast<std::size_t>(length), '\0');
-                    m_in.raw(token.data(), token.size());
+                    line.tokens.emplace_back(m_in.view(static_cast<std::size_t>(length)));
                 }
             }
         }
@@ -541,6 +541,22 @@ private:
     void finish() {
         for (NameRef* name : m_nameList)
             if (name->scope == -1 || name->scope == 1) name->globalSlot = m_vm.globalSlot(name->name);
+        // The compiler gives scalar functions to the trees of every statement but function
+        // declarations. When those hold nothing but constants ("function a.b()"), for which
+        // there is nothing to give, every other node is in a statement's tree (or in none,
+        // and never runs), and one pass in the image's order does the same work.
+        bool declarationTrees = false;
+        for (const CompiledLine& line : m_chunk->lines) {
+            if (!(isFunctionKind(line.lineKind) && line.proto)) continue;
+            if (line.expr || line.stop || line.step) declarationTrees = true;
+            for (const LValue& target : line.targets)
+                for (const FastExpression* key : target.keys)
+                    if (key->op != Op::Const) declarationTrees = true;
+        }
+        if (!declarationTrees) {
+            assignScalarFunctionsInOrder(m_nodeList);
+            return;
+        }
         for (CompiledLine& line : m_chunk->lines) {
             if (isFunctionKind(line.lineKind) && line.proto) continue;
             assignScalarFunctions(line.expr);

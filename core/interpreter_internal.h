@@ -178,7 +178,8 @@ public:
     T& emplace_back() {
         if (m_used == m_blockSize) {
             m_blockSize = m_blocks.empty() ? 8 : std::min<std::size_t>(m_blockSize * 2, 256);
-            m_blocks.push_back(std::make_unique<T[]>(m_blockSize));
+            // Default- rather than value-initialised: the constructor sets every member once.
+            m_blocks.push_back(std::make_unique_for_overwrite<T[]>(m_blockSize));
             m_used = 0;
         }
         return m_blocks.back()[m_used++];
@@ -506,6 +507,9 @@ std::string directoryOfPath(const std::string& path);
 
 // Gives scalar-capable subtrees their scalar functions (once, after compiling a line).
 bool assignScalarFunctions(FastExpression* node);
+// The same for trees given as all their nodes, children before parents (a loaded image): one
+// pass, no recursion. Only for nodes that assignScalarFunctions would reach from their roots.
+void assignScalarFunctionsInOrder(std::span<FastExpression* const> nodes);
 
 // Arithmetic helpers shared by the evaluator and the library.
 Variable performOperation(const Variable& left, char op, const Variable& right);

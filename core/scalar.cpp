@@ -290,6 +290,9 @@ bool isLeaf(const FastExpression* n) { return n->op == Op::Local || n->op == Op:
 
 constexpr std::uint32_t kScalarHeight = 24;
 
+// One node whose children are done; left and right tell whether they are scalar.
+bool assignNodeScalarFunction(FastExpression* n, bool left, bool right);
+
 }  // namespace
 
 bool assignScalarFunctions(FastExpression* n) {
@@ -320,6 +323,27 @@ bool assignScalarFunctions(FastExpression* n) {
     bool left = assignScalarFunctions(n->left);
     bool right = assignScalarFunctions(n->right);
     for (FastExpression* item : n->items) assignScalarFunctions(item);
+    return assignNodeScalarFunction(n, left, right);
+}
+
+// What assignScalarFunctions returns for a node it has done, read back from the node.
+static bool hasScalarFunction(const FastExpression* n) {
+    if (!n || n->height > kScalarHeight) return false;
+    if (n->op == Op::Const) return n->constantBits != kNo;
+    return n->op == Op::Local || n->op == Op::Global || n->scalar != nullptr;
+}
+
+void assignScalarFunctionsInOrder(std::span<FastExpression* const> nodes) {
+    // Tall nodes are skipped as the recursive walk skips them; their children still come.
+    for (FastExpression* n : nodes) {
+        if (n->height > kScalarHeight) continue;
+        assignNodeScalarFunction(n, hasScalarFunction(n->left), hasScalarFunction(n->right));
+    }
+}
+
+namespace {
+
+bool assignNodeScalarFunction(FastExpression* n, bool left, bool right) {
     switch (n->op) {
     case Op::Const:
         n->constantBits = n->constant.scalarBits();
@@ -366,5 +390,7 @@ bool assignScalarFunctions(FastExpression* n) {
     }
     return true;
 }
+
+}  // namespace
 
 }  // namespace korvel

@@ -1,7 +1,8 @@
 // Loading a bytecode image against parsing and compiling the same source.
 //
-//   bytecode_load_bench [FILE.ks ...]
+//   bytecode_load_bench [--profile-load N] [FILE.ks ...]
 //
+// --profile-load N only loads the image N times (for a profiler), printing nothing else.
 // The files (by default the shared benchmark programs and the examples) are joined and
 // repeated to about 10,000 lines. Each way runs many times; the medians and their ratio are
 // printed. Timing never fails anything: this reports.
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -38,7 +40,11 @@ double millisecondsFor(Work work) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> files;
-    for (int i = 1; i < argc; ++i) files.push_back(argv[i]);
+    int profileLoads = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--profile-load" && i + 1 < argc) profileLoads = std::atoi(argv[++i]);
+        else files.push_back(argv[i]);
+    }
     if (files.empty()) {
         for (const char* name : {"fib", "loop", "nbody", "spectralnorm", "strings", "tables"})
             files.push_back(std::string(KORVEL_SHARED_BENCH_DIR) + "/" + name + ".ks");
@@ -65,6 +71,11 @@ int main(int argc, char** argv) {
     korvel::KorvelScript script;
     korvel::Interpreter& vm = script.impl().vm;
     std::vector<std::uint8_t> image = script.serialiseBytecode(source, "bench.ks");
+    if (profileLoads > 0) {
+        for (int i = 0; i < profileLoads; ++i) millisecondsFor([&] { return korvel::decodeBytecodeImage(vm, image.data(), image.size()); });
+        std::printf("loaded %d times\n", profileLoads);
+        return 0;
+    }
     // The two ways take turns, so that both meet the same state of a busy machine.
     const int runs = 41;
     std::vector<double> parseTimes, loadTimes;

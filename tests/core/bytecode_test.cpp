@@ -1,9 +1,13 @@
 // Bytecode images: what a program remembers about its source, and what a damaged image does.
 #include "core/byte_stream.h"
+#include "core/bytecode_internal.h"
 #include "core/korvel_script.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -157,6 +161,124 @@ TEST(BytecodeTest, CorruptionBehindAValidChecksumNeverCrashes) {
     }
     EXPECT_GT(refused, 0);
     EXPECT_GT(ran, 0);
+}
+
+// The loader gives nodes their scalar fast paths in one pass over the image rather than by
+// walking each statement's tree as the compiler does: both must choose the same for every
+// node of every test script.
+void expectSameTree(const FastExpression* compiled, const FastExpression* loaded, const std::string& where) {
+    ASSERT_EQ(compiled == nullptr, loaded == nullptr) << where;
+    if (!compiled) return;
+    EXPECT_EQ(compiled->op, loaded->op) << where;
+    EXPECT_EQ(compiled->height, loaded->height) << where;
+    EXPECT_EQ(compiled->scalar, loaded->scalar) << where << " op " << static_cast<int>(compiled->op);
+    EXPECT_EQ(compiled->constantBits, loaded->constantBits) << where;
+    expectSameTree(compiled->left, loaded->left, where);
+    expectSameTree(compiled->right, loaded->right, where);
+    ASSERT_EQ(compiled->items.size(), loaded->items.size()) << where;
+    for (std::size_t i = 0; i < compiled->items.size(); ++i) expectSameTree(compiled->items[i], loaded->items[i], where);
+}
+
+TEST(BytecodeTest, LoadedTreesGetTheCompilersScalarPaths) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> sources = {kProgram};
+    std::vector<std::string> names = {"program"};
+    for (const auto& entry : fs::recursive_directory_iterator(KORVEL_SCRIPT_TEST_DIR)) {
+        if (!entry.is_regular_file() || entry.path().extension() != ".ks") continue;
+        std::ifstream file(entry.path(), std::ios::binary);
+        std::stringstream text;
+        text << file.rdbuf();
+        sources.push_back(text.str());
+        names.push_back(entry.path().filename().string());
+    }
+    // A chain taller than the scalar paths take, with short branches that still get them.
+    std::string chain = "x = 1\ny = x";
+    for (int i = 0; i < 40; ++i) chain += " + x * " + std::to_string(i);
+    sources.push_back(chain + "\nprint(y)\n");
+    names.push_back("tall chain");
+    std::size_t compared = 0;
+    for (std::size_t s = 0; s < sources.size(); ++s) {
+        KorvelScript script;
+        Interpreter& vm = script.impl().vm;
+        ScriptError error("");
+        std::shared_ptr<Chunk> compiled = vm.compileChunk(sources[s], names[s], &error);
+        if (!compiled) continue;  // does not parse: no image to compare
+        std::vector<std::uint8_t> image = encodeBytecodeImage(*compiled);
+        std::shared_ptr<Chunk> loaded = decodeBytecodeImage(vm, image.data(), image.size());
+        ASSERT_EQ(compiled->lines.size(), loaded->lines.size()) << names[s];
+        for (std::size_t i = 0; i < compiled->lines.size(); ++i) {
+            const CompiledLine& a = compiled->lines[i];
+            const CompiledLine& b = loaded->lines[i];
+            std::string where = names[s] + " line " + std::to_string(i + 1);
+            // Declarations' targets get no fast paths from either (the loader marks their
+            // constants, which nothing reads there).
+            if (a.kind == StmtKind::FunctionDecl) continue;
+            expectSameTree(a.expr, b.expr, where);
+            expectSameTree(a.stop, b.stop, where);
+            expectSameTree(a.step, b.step, where);
+            ASSERT_EQ(a.targets.size(), b.targets.size()) << where;
+            for (std::size_t t = 0; t < a.targets.size(); ++t) {
+                ASSERT_EQ(a.targets[t].keys.size(), b.targets[t].keys.size()) << where;
+                for (std::size_t k = 0; k < a.targets[t].keys.size(); ++k)
+                    expectSameTree(a.targets[t].keys[k], b.targets[t].keys[k], where);
+            }
+        }
+        ++compared;
+        if (::testing::Test::HasFailure()) return;
+    }
+    EXPECT_GT(compared, 50u);
+}
+
+// Numbers of every encoded length, read where the reader has plenty of bytes left and where
+// the number ends exactly at the end of the data (the two paths of the reader).
+TEST(ByteStreamTest, VarintsOfEveryLengthReadBackAnywhere) {
+    const std::vector<std::uint64_t> values = {0, 1, 127, 128, 300, 16383, 16384, 0xffffffffu,
+                                               std::uint64_t{1} << 56, ~std::uint64_t{0}};
+    for (std::uint64_t value : values) {
+        for (std::size_t padding : {std::size_t{0}, std::size_t{12}}) {
+            ByteWriter out;
+            out.varint(value);
+            out.svarint(-static_cast<std::int64_t>(value >> 1));
+            for (std::size_t i = 0; i < padding; ++i) out.u8(0);
+            ByteReader in(out.bytes().data(), out.bytes().size());
+            EXPECT_EQ(in.varint(), value) << value << " padding " << padding;
+            EXPECT_EQ(in.svarint(), -static_cast<std::int64_t>(value >> 1)) << value << " padding " << padding;
+            EXPECT_EQ(in.remaining(), padding);
+        }
+    }
+}
+
+TEST(ByteStreamTest, BadNumbersCountsAndTextsAreRefused) {
+    struct Case {
+        const char* what;
+        std::vector<std::uint8_t> bytes;
+        const char* message;
+    };
+    std::vector<std::uint8_t> endless(16, 0x80);  // never ends within 64 bits, with room to spare
+    std::vector<std::uint8_t> endlessShort(10, 0xff);
+    std::vector<Case> cases = {
+        {"number cut short", {0x80, 0x80}, "truncated"},
+        {"number cut short, long data", {0xff}, "truncated"},
+        {"endless number", endless, "malformed number"},
+        {"endless number at the end", endlessShort, "malformed number"},
+        {"text longer than the data", {5, 'a', 'b'}, "impossible text length count"},
+        {"huge text length", {0xff, 0xff, 0xff, 0xff, 0x0f}, "impossible text length count"},
+    };
+    for (const Case& c : cases) {
+        ByteReader in(c.bytes.data(), c.bytes.size());
+        try {
+            if (std::string_view(c.message).find("text") != std::string_view::npos) in.textView();
+            else in.varint();
+            ADD_FAILURE() << c.what << ": accepted";
+        } catch (const ByteReadError& error) {
+            EXPECT_EQ(error.message, c.message) << c.what;
+        }
+    }
+    const std::uint8_t three[] = {1, 2, 3};
+    ByteReader in(three, sizeof three);
+    EXPECT_EQ(in.view(2), std::string_view("\x01\x02", 2));
+    EXPECT_THROW(in.view(2), ByteReadError);
+    EXPECT_EQ(in.remaining(), 1u);
 }
 
 }  // namespace
