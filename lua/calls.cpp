@@ -1,5 +1,6 @@
-// Calls, closures and indexing. Arguments are evaluated straight onto the VM's value stack, where
-// they become the callee's first slots, so a call allocates nothing on the heap.
+// Calls, closures and indexing. Arguments are evaluated onto the VM's value stack and moved into
+// the callee's environment, which lives on the native stack unless the callee's body makes
+// closures; so a call of a function without nested functions allocates nothing on the heap.
 #include "scalar_internal.h"
 
 #include "collector_internal.h"
@@ -22,17 +23,17 @@ void Impl::stepBudgetExhausted() {
     throw StepBudgetSignal{};
 }
 
+// A closure captures the whole running environment, so every closure made in one activation
+// shares its variables.
 Value Impl::makeClosure(const FunctionExpr* proto, Frame& frame) {
+    if (!frame.owner) failUnlocated("attempted to capture a non-owning KorvelLua environment");
     auto* function = new FunctionObject();
     Value result = Value::object(function);
     function->name = proto->name;
     function->proto = proto;
     function->chunk = frame.closure->chunk;
     function->owner = this;
-    function->upvalues.reserve(proto->upvalues.size());
-    for (const UpvalueSource& source : proto->upvalues) {
-        function->upvalues.push_back(source.fromParentLocal ? frame.slots[source.index] : frame.closure->upvalues[source.index]);
-    }
+    function->environment = Value::object(frame.owner);
     return result;
 }
 
@@ -72,9 +73,7 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         const Expr* calleeExpr = call->callee;
         switch (calleeExpr->kind) {
         case ExprKind::Local: callee = frame.slots[static_cast<const VariableExpr*>(calleeExpr)->index]; break;
-        case ExprKind::Upvalue:
-            callee = frame.closure->upvalues[static_cast<const VariableExpr*>(calleeExpr)->index].asBox()->value;
-            break;
+        case ExprKind::Outer: callee = outerSlot(frame, static_cast<const VariableExpr*>(calleeExpr)); break;
         case ExprKind::Global: callee = m_globals.at(static_cast<const VariableExpr*>(calleeExpr)->index); break;
         default: callee = eval(calleeExpr, frame); break;
         }
@@ -167,27 +166,43 @@ void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t ar
     if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
         failRuntime(m_currentLine, "stack overflow");
     }
-    std::size_t frameSize = proto->frameSize;
-    if (base + frameSize + 8 > m_stackCapacity) failRuntime(m_currentLine, "stack overflow");
-    std::size_t parameterCount = proto->parameters.size();
-    for (std::size_t i = parameterCount; i < argumentCount; ++i) m_stack[base + i] = Value();
-    m_top = base + frameSize;
-    if (proto->boxesParameters) {
-        for (const LocalInfo* parameter : proto->parameters) {
-            if (parameter->captured) {
-                auto* box = new BoxObject();
-                box->value = std::move(m_stack[base + parameter->slot]);
-                m_stack[base + parameter->slot] = Value::object(box);
-            }
-        }
+    std::size_t parameterCount = std::min(proto->parameters.size(), argumentCount);
+    Environment* parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
+    if (proto->ownsEnvironment) {
+        auto* object = new EnvironmentObject();
+        Value held = Value::object(object);
+        object->parentObject = function->environment;
+        Environment& environment = object->environment;
+        environment.parent = parent;
+        environment.slots.reset(proto->environmentSize);
+        for (std::size_t i = 0; i < parameterCount; ++i) environment.slots[i] = std::move(m_stack[base + i]);
+        popTo(base);
+        runBody(function, environment, object);
+        return;
     }
+    Environment environment;
+    environment.parent = parent;
+    environment.slots.reset(proto->environmentSize);
+    for (std::size_t i = 0; i < parameterCount; ++i) environment.slots[i] = std::move(m_stack[base + i]);
+    popTo(base);
+    runBody(function, environment, nullptr);
+}
+
+void Impl::runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner) {
+    const FunctionExpr* proto = function->proto;
     const FunctionExpr* savedFunction = m_currentFunction;
     m_currentFunction = proto;
-    Frame frame{m_stack + base, function};
+    Frame frame{environment.slots.data(), &environment, owner, function};
+    struct Restore {
+        Impl& vm;
+        const FunctionExpr* function;
+        ~Restore() { vm.m_currentFunction = function; }
+    } restore{*this, savedFunction};
     Flow flow = execBlock(proto->body, frame);
     if (flow != Flow::Return) m_returns.clear();
-    popTo(base);
-    m_currentFunction = savedFunction;
+    // A stack environment is emptied here; an owning one keeps its slots for the closures that
+    // captured it.
+    if (!owner) clearEnvironmentSlots(environment);
 }
 
 void Impl::callValue(const Value& callee, ValueSpan arguments, std::uint32_t line, MultiValue& out) {
