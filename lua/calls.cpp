@@ -104,6 +104,11 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     }
     const std::vector<Expr*>& arguments = call->arguments;
     std::size_t count = arguments.size();
+    if (callee.kind() == Kind::Function && callee.asFunction()->proto && !callee.asFunction()->proto->ownsEnvironment &&
+        (count == 0 || arguments[count - 1]->kind != ExprKind::Call ||
+         static_cast<const CallExpr*>(arguments[count - 1])->parenthesised)) {
+        return callStackScript(call, callee.asFunction(), frame, base);
+    }
     for (std::size_t i = 0; i < count; ++i) {
         const Expr* argument = arguments[i];
         if (i + 1 == count && argument->kind == ExprKind::Call && !static_cast<const CallExpr*>(argument)->parenthesised) {
@@ -135,6 +140,69 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     return m_returns.empty() ? Value() : std::move(m_returns[0]);
 }
 
+// An error leaves m_currentFunction as it was at the failure (its chunk names the message); pcall
+// and the run functions put it back.
+inline void Impl::runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner) {
+    const FunctionExpr* proto = function->proto;
+    const FunctionExpr* savedFunction = m_currentFunction;
+    m_currentFunction = proto;
+    Frame frame{environment.slots.data(), &environment, owner, function};
+    Flow flow = execBlock(proto->body, frame);
+    if (flow != Flow::Return) m_returns.clear();
+    // A stack environment is emptied here; an owning one keeps its slots for the closures that
+    // captured it.
+    if (!owner) clearEnvironmentSlots(environment);
+    m_currentFunction = savedFunction;
+}
+
+// A script function whose environment stays on the native stack, called with a fixed number of
+// arguments: they are evaluated straight into its slots, without the value stack.
+// A method call's object is already on the value stack at `base`.
+Value Impl::callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base) {
+    const FunctionExpr* proto = function->proto;
+    Environment environment;
+    environment.parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
+    environment.slots.reset(proto->environmentSize);
+    std::size_t parameterCount = proto->parameters.size();
+    std::size_t first = 0;
+    if (m_top > base) {
+        if (parameterCount > 0) environment.slots[0] = std::move(m_stack[base]);
+        popTo(base);
+        first = 1;
+    }
+    const std::vector<Expr*>& arguments = call->arguments;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const Expr* argument = arguments[i];
+        Value discarded;
+        Value& target = i + first < parameterCount ? environment.slots[i + first] : discarded;
+        if (argument->kind == ExprKind::Local) {
+            target = frame.slots[static_cast<const VariableExpr*>(argument)->index];
+            continue;
+        }
+        bool arithmetic = argument->kind >= ExprKind::Add && argument->kind <= ExprKind::Modulo;
+        Number number = argument->pure && arithmetic ? evalNumber(argument, frame) : Number{};
+        if (number.tag == kIntegerNumber) target.setInteger(number.bits);
+        else if (number.tag == kFloatNumber) target.setFloat(std::bit_cast<double>(number.bits));
+        else target = eval(argument, frame);
+    }
+    m_currentLine = call->line;
+    enterScript();
+    runBody(function, environment, nullptr);
+    return m_returns.empty() ? Value() : std::move(m_returns[0]);
+}
+
+inline void Impl::enterScript() {
+    countStep();
+    // A call is a safe point: everything in flight is held by counted references.
+    if (collectionDue()) collectCycles();
+    // Each script call nests a few native frames of the tree walker; the budget turns deep
+    // recursion into an error well before the thread's stack runs out.
+    const char* here = static_cast<const char*>(__builtin_frame_address(0));
+    if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
+        failRuntime(m_currentLine, "stack overflow");
+    }
+}
+
 void Impl::invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line) {
     if (callee.kind() != Kind::Function) {
         failRuntime(line, std::string("attempt to call a ") + describeValueType(callee.kind()) + " value");
@@ -157,15 +225,7 @@ void Impl::invoke(const Value& callee, std::size_t base, std::size_t argumentCou
 
 void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount) {
     const FunctionExpr* proto = function->proto;
-    countStep();
-    // A call is a safe point: everything in flight is held by counted references.
-    if (collectionDue()) collectCycles();
-    // Each script call nests a few native frames of the tree walker; the budget turns deep
-    // recursion into an error well before the thread's stack runs out.
-    const char* here = static_cast<const char*>(__builtin_frame_address(0));
-    if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
-        failRuntime(m_currentLine, "stack overflow");
-    }
+    enterScript();
     std::size_t parameterCount = std::min(proto->parameters.size(), argumentCount);
     Environment* parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
     if (proto->ownsEnvironment) {
@@ -188,22 +248,6 @@ void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t ar
     runBody(function, environment, nullptr);
 }
 
-void Impl::runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner) {
-    const FunctionExpr* proto = function->proto;
-    const FunctionExpr* savedFunction = m_currentFunction;
-    m_currentFunction = proto;
-    Frame frame{environment.slots.data(), &environment, owner, function};
-    struct Restore {
-        Impl& vm;
-        const FunctionExpr* function;
-        ~Restore() { vm.m_currentFunction = function; }
-    } restore{*this, savedFunction};
-    Flow flow = execBlock(proto->body, frame);
-    if (flow != Flow::Return) m_returns.clear();
-    // A stack environment is emptied here; an owning one keeps its slots for the closures that
-    // captured it.
-    if (!owner) clearEnvironmentSlots(environment);
-}
 
 void Impl::callValue(const Value& callee, ValueSpan arguments, std::uint32_t line, MultiValue& out) {
     std::size_t base = m_top;

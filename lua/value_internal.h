@@ -204,7 +204,7 @@ inline Value Value::string(std::string_view text) {
     return result;
 }
 
-// A small vector of values: N places inline, a heap vector beyond. Its size is fixed when it is
+// A small vector of values: N places inline, a heap array beyond. Its size is fixed when it is
 // made (`reset`), so pointers to its values stay valid while it lives; it never moves. The inline
 // places are raw storage and only the `count` in use are constructed: a one-slot activation pays
 // for one value, not eight.
@@ -219,11 +219,9 @@ public:
     void reset(std::size_t count) {
         clear();
         if (count <= N) {
-            m_data = inlineValues();
             for (std::size_t i = 0; i < count; ++i) new (&m_data[i]) Value();
         } else {
-            m_heap.resize(count);
-            m_data = m_heap.data();
+            m_data = new Value[count];
         }
         m_size = count;
     }
@@ -232,9 +230,9 @@ public:
         if (m_data == inlineValues()) {
             for (std::size_t i = 0; i < m_size; ++i) m_data[i].~Value();
         } else {
-            m_heap.clear();
+            delete[] m_data;
+            m_data = inlineValues();
         }
-        m_data = inlineValues();
         m_size = 0;
     }
     // Moves the values out into `out` (the collector breaks cycles this way).
@@ -252,8 +250,7 @@ private:
     Value* inlineValues() { return std::launder(reinterpret_cast<Value*>(m_storage)); }
 
     alignas(Value) unsigned char m_storage[N * sizeof(Value)];
-    std::vector<Value> m_heap;
-    Value* m_data = inlineValues();
+    Value* m_data = inlineValues();   // the inline places, or a heap array past N
     std::size_t m_size = 0;
 };
 

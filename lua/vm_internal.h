@@ -119,6 +119,9 @@ struct LuaVM::Impl {
     Value evalCall(const CallExpr* call, Frame& frame);
     void invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line);
     void callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount);
+    [[gnu::noinline]] Value callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base);
+    // Per-call checks: the step budget, a due cycle collection, the native stack budget.
+    void enterScript();
     // Runs a script function's body in `environment`, whose slots already hold the arguments.
     void runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner);
     // For natives: calls `callee` with `arguments`, results into `out`.

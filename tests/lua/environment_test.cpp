@@ -72,6 +72,17 @@ INSTANTIATE_TEST_SUITE_P(Depth, EnvironmentSemantics, ::testing::Values(
         "local function outer()\n local function fact(n) if n <= 1 then return 1 end return n * fact(n - 1) end\n return fact\nend\nprint(outer()(10))",
         "3628800\n"}));
 
+// Arguments of a function whose environment stays on the stack go straight into its slots.
+INSTANTIATE_TEST_SUITE_P(Calls, EnvironmentSemantics, ::testing::Values(
+    EnvironmentCase{"method call passes the object first",
+        "local o = {v = 1}\nfunction o.get(self, a) return self.v + a end\nprint(o:get(2), o:get(2, 3))", "3\t3\n"},
+    EnvironmentCase{"missing arguments are nil, extra ones dropped",
+        "local function f(a, b, c) return a, b, c end\nprint(f(1))\nprint(f(1, 2, 3, 4))", "1\tnil\tnil\n1\t2\t3\n"},
+    EnvironmentCase{"last call argument expands",
+        "local function two() return 1, 2 end\nlocal function add(a, b) return a + b end\nprint(add(two()), add((two()), 5))", "3\t6\n"},
+    EnvironmentCase{"arguments evaluated before the callee's slots are visible",
+        "local function swap(a, b) return b, a end\nlocal x, y = 1, 2\nx, y = swap(x, y)\nprint(x, y)", "2\t1\n"}));
+
 TEST(Environments, DeepRecursionThroughOwningEnvironmentsIsARuntimeError) {
     ScriptRun run = runCaptured(
         "local function r(n) local f = function() return n end return r(n + 1) end\n"
