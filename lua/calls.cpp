@@ -160,16 +160,18 @@ inline void Impl::runBody(FunctionObject* function, Environment& environment, En
 // A method call's object is already on the value stack at `base`.
 Value Impl::callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base) {
     const FunctionExpr* proto = function->proto;
-    Environment environment;
-    environment.parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
-    environment.slots.reset(proto->environmentSize);
-    std::size_t parameterCount = proto->parameters.size();
+    Value self;
     std::size_t first = 0;
     if (m_top > base) {
-        if (parameterCount > 0) environment.slots[0] = std::move(m_stack[base]);
+        self = std::move(m_stack[base]);
         popTo(base);
         first = 1;
     }
+    Environment environment;
+    environment.parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
+    makeStackSlots(environment, proto->environmentSize, call->line);
+    std::size_t parameterCount = proto->parameters.size();
+    if (first && parameterCount > 0) environment.slots[0] = std::move(self);
     const std::vector<Expr*>& arguments = call->arguments;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const Expr* argument = arguments[i];
@@ -188,7 +190,20 @@ Value Impl::callStackScript(const CallExpr* call, FunctionObject* function, Fram
     m_currentLine = call->line;
     enterScript();
     runBody(function, environment, nullptr);
+    popTo(base);
     return m_returns.empty() ? Value() : std::move(m_returns[0]);
+}
+
+// The slots of a stack environment: inline up to eight; a larger set takes a block of the value
+// stack above the arguments (freed with them, in call order), so no call allocates.
+inline void Impl::makeStackSlots(Environment& environment, std::size_t count, std::uint32_t line) {
+    if (count <= 8) {
+        environment.slots.reset(count);
+        return;
+    }
+    if (m_top + count > m_stackCapacity) failRuntime(line, "stack overflow");
+    environment.slots.borrow(m_stack + m_top, count);
+    m_top += count;
 }
 
 inline void Impl::enterScript() {
@@ -242,10 +257,11 @@ void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t ar
     }
     Environment environment;
     environment.parent = parent;
-    environment.slots.reset(proto->environmentSize);
+    // The slots are taken above the arguments and the arguments moved down into them.
+    makeStackSlots(environment, proto->environmentSize, m_currentLine);
     for (std::size_t i = 0; i < parameterCount; ++i) environment.slots[i] = std::move(m_stack[base + i]);
-    popTo(base);
     runBody(function, environment, nullptr);
+    popTo(base);
 }
 
 

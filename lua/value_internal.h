@@ -225,10 +225,22 @@ public:
         }
         m_size = count;
     }
+    // Uses `count` nil values that the caller owns (a stack activation's block of the VM's value
+    // stack) instead of allocating; they are reset to nil by `clear` and never freed here.
+    void borrow(Value* external, std::size_t count) {
+        clear();
+        m_data = external;
+        m_size = count;
+        m_borrowed = true;
+    }
     // Releases every value and leaves the store empty.
     void clear() {
         if (m_data == inlineValues()) {
             for (std::size_t i = 0; i < m_size; ++i) m_data[i].~Value();
+        } else if (m_borrowed) {
+            for (std::size_t i = 0; i < m_size; ++i) m_data[i].reset();
+            m_borrowed = false;
+            m_data = inlineValues();
         } else {
             delete[] m_data;
             m_data = inlineValues();
@@ -250,8 +262,9 @@ private:
     Value* inlineValues() { return std::launder(reinterpret_cast<Value*>(m_storage)); }
 
     alignas(Value) unsigned char m_storage[N * sizeof(Value)];
-    Value* m_data = inlineValues();   // the inline places, or a heap array past N
+    Value* m_data = inlineValues();   // the inline places, a heap array past N, or borrowed places
     std::size_t m_size = 0;
+    bool m_borrowed = false;
 };
 
 // The slots of one function activation or chunk and the environment it is nested in (the one

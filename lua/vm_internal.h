@@ -120,6 +120,7 @@ struct LuaVM::Impl {
     void invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line);
     void callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount);
     [[gnu::noinline]] Value callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base);
+    void makeStackSlots(Environment& environment, std::size_t count, std::uint32_t line);
     // Per-call checks: the step budget, a due cycle collection, the native stack budget.
     void enterScript();
     // Runs a script function's body in `environment`, whose slots already hold the arguments.

@@ -80,6 +80,13 @@ INSTANTIATE_TEST_SUITE_P(Calls, EnvironmentSemantics, ::testing::Values(
         "local function f(a, b, c) return a, b, c end\nprint(f(1))\nprint(f(1, 2, 3, 4))", "1\tnil\tnil\n1\t2\t3\n"},
     EnvironmentCase{"last call argument expands",
         "local function two() return 1, 2 end\nlocal function add(a, b) return a + b end\nprint(add(two()), add((two()), 5))", "3\t6\n"},
+    // Past eight slots a stack environment takes a block of the value stack: recursion and calls
+    // made while evaluating arguments must not overlap their blocks.
+    EnvironmentCase{"wide stack environments in recursion",
+        "local function wide(n)\n local a, b, c, d, e, f, g, h, i, j = n, n, n, n, n, n, n, n, n, n\n"
+        " if n == 0 then return 0 end\n local below = wide(n - 1)\n return a + b + c + d + e + f + g + h + i + j + below\nend\n"
+        "local function pair(x, y) local p, q, r, s, t, u, v, w, z = 1, 2, 3, 4, 5, 6, 7, 8, 9 return x + y + z end\n"
+        "print(wide(5), pair(wide(1), wide(2)))", "150\t49\n"},
     EnvironmentCase{"arguments evaluated before the callee's slots are visible",
         "local function swap(a, b) return b, a end\nlocal x, y = 1, 2\nx, y = swap(x, y)\nprint(x, y)", "2\t1\n"}));
 
