@@ -14,8 +14,8 @@ namespace korvel::lua {
 
 enum class ExprKind : std::uint8_t {
     Constant,
-    Name,          // unresolved; the resolver turns it into one of the next four
-    Local, BoxedLocal, Upvalue, Global,
+    Name,          // unresolved; the resolver turns it into one of the next three
+    Local, Outer, Global,   // Local: this environment; Outer: `depth` environments out
     Negate, Not, Length,
     Add, Subtract, Multiply, Divide, Modulo, Concat,
     Equal, NotEqual, Less, LessEqual, Greater, GreaterEqual,
@@ -37,10 +37,12 @@ struct ConstantExpr : Expr {
     ConstantExpr(Value constant, std::uint32_t sourceLine) : Expr(ExprKind::Constant, sourceLine), value(std::move(constant)) {}
 };
 
-// A name; after resolution `index` is the frame slot, the upvalue index or the global slot.
+// A name; after resolution `index` is the environment slot (of the environment `depth` out) or
+// the global slot.
 struct VariableExpr : Expr {
     std::string name;
     std::uint32_t index = 0;
+    std::uint32_t depth = 0;
     VariableExpr(std::string variableName, std::uint32_t sourceLine)
         : Expr(ExprKind::Name, sourceLine), name(std::move(variableName)) {}
 };
@@ -93,16 +95,9 @@ struct CallExpr : Expr {
     CallExpr(Expr* calleeExpr, std::uint32_t sourceLine) : Expr(ExprKind::Call, sourceLine), callee(calleeExpr) {}
 };
 
-// Where a closure finds a captured variable when it is created.
-struct UpvalueSource {
-    bool fromParentLocal = true;   // a boxed slot of the enclosing frame, else its upvalue
-    std::uint32_t index = 0;
-};
-
 struct LocalInfo {
     std::string name;
     std::uint32_t slot = 0;
-    bool captured = false;         // lives in a box because an inner function refers to it
 };
 
 struct Stmt;
@@ -111,9 +106,10 @@ struct FunctionExpr : Expr {
     std::string name;              // for messages; empty for an anonymous function
     std::vector<LocalInfo*> parameters;
     std::vector<Stmt*> body;
-    std::vector<UpvalueSource> upvalues;
-    std::uint32_t frameSize = 0;
-    bool boxesParameters = false;  // some parameter is captured by an inner function
+    std::uint32_t environmentSize = 0;   // slots of one activation's environment
+    // The body contains a function expression, so its activations' environments may be captured:
+    // they are made on the heap. Otherwise they live on the native stack.
+    bool ownsEnvironment = false;
     const std::string* chunkName = nullptr;
     FunctionExpr(std::string functionName, std::uint32_t sourceLine)
         : Expr(ExprKind::Function, sourceLine), name(std::move(functionName)) {}
@@ -121,7 +117,7 @@ struct FunctionExpr : Expr {
 
 enum class StmtKind : std::uint8_t {
     Expression, Local, Assign, LocalFunction, If, While, NumericFor, GenericFor, Return, Break,
-    // Set by the resolver: one uncaptured local (declared or assigned) takes one pure arithmetic
+    // Set by the resolver: one local of this environment (declared or assigned) takes one pure arithmetic
     // value, which the evaluator computes on plain numbers straight into the slot.
     LocalNumber, AssignLocalNumber,
     // `object.name = <pure arithmetic>`: the number is computed on the numbers-only path.
@@ -225,7 +221,7 @@ struct Chunk {
         return node;
     }
     LocalInfo* makeLocal(std::string localName) {
-        locals.push_back(LocalInfo{std::move(localName), 0, false});
+        locals.push_back(LocalInfo{std::move(localName), 0});
         return &locals.back();
     }
 };

@@ -1,5 +1,6 @@
-// Calls, closures and indexing. Arguments are evaluated straight onto the VM's value stack, where
-// they become the callee's first slots, so a call allocates nothing on the heap.
+// Calls, closures and indexing. Arguments are evaluated onto the VM's value stack and moved into
+// the callee's environment, which lives on the native stack unless the callee's body makes
+// closures; so a call of a function without nested functions allocates nothing on the heap.
 #include "scalar_internal.h"
 
 #include "collector_internal.h"
@@ -22,17 +23,17 @@ void Impl::stepBudgetExhausted() {
     throw StepBudgetSignal{};
 }
 
+// A closure captures the whole running environment, so every closure made in one activation
+// shares its variables.
 Value Impl::makeClosure(const FunctionExpr* proto, Frame& frame) {
+    if (!frame.owner) failUnlocated("attempted to capture a non-owning KorvelLua environment");
     auto* function = new FunctionObject();
     Value result = Value::object(function);
     function->name = proto->name;
     function->proto = proto;
     function->chunk = frame.closure->chunk;
     function->owner = this;
-    function->upvalues.reserve(proto->upvalues.size());
-    for (const UpvalueSource& source : proto->upvalues) {
-        function->upvalues.push_back(source.fromParentLocal ? frame.slots[source.index] : frame.closure->upvalues[source.index]);
-    }
+    function->environment = Value::object(frame.owner);
     return result;
 }
 
@@ -72,9 +73,7 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
         const Expr* calleeExpr = call->callee;
         switch (calleeExpr->kind) {
         case ExprKind::Local: callee = frame.slots[static_cast<const VariableExpr*>(calleeExpr)->index]; break;
-        case ExprKind::Upvalue:
-            callee = frame.closure->upvalues[static_cast<const VariableExpr*>(calleeExpr)->index].asBox()->value;
-            break;
+        case ExprKind::Outer: callee = outerSlot(frame, static_cast<const VariableExpr*>(calleeExpr)); break;
         case ExprKind::Global: callee = m_globals.at(static_cast<const VariableExpr*>(calleeExpr)->index); break;
         default: callee = eval(calleeExpr, frame); break;
         }
@@ -105,6 +104,11 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     }
     const std::vector<Expr*>& arguments = call->arguments;
     std::size_t count = arguments.size();
+    if (callee.kind() == Kind::Function && callee.asFunction()->proto && !callee.asFunction()->proto->ownsEnvironment &&
+        (count == 0 || arguments[count - 1]->kind != ExprKind::Call ||
+         static_cast<const CallExpr*>(arguments[count - 1])->parenthesised)) {
+        return callStackScript(call, callee.asFunction(), frame, base);
+    }
     for (std::size_t i = 0; i < count; ++i) {
         const Expr* argument = arguments[i];
         if (i + 1 == count && argument->kind == ExprKind::Call && !static_cast<const CallExpr*>(argument)->parenthesised) {
@@ -136,6 +140,84 @@ Value Impl::evalCall(const CallExpr* call, Frame& frame) {
     return m_returns.empty() ? Value() : std::move(m_returns[0]);
 }
 
+// An error leaves m_currentFunction as it was at the failure (its chunk names the message); pcall
+// and the run functions put it back.
+inline void Impl::runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner) {
+    const FunctionExpr* proto = function->proto;
+    const FunctionExpr* savedFunction = m_currentFunction;
+    m_currentFunction = proto;
+    Frame frame{environment.slots.data(), &environment, owner, function};
+    Flow flow = execBlock(proto->body, frame);
+    if (flow != Flow::Return) m_returns.clear();
+    // A stack environment is emptied here; an owning one keeps its slots for the closures that
+    // captured it.
+    if (!owner) clearEnvironmentSlots(environment);
+    m_currentFunction = savedFunction;
+}
+
+// A script function whose environment stays on the native stack, called with a fixed number of
+// arguments: they are evaluated straight into its slots, without the value stack.
+// A method call's object is already on the value stack at `base`.
+Value Impl::callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base) {
+    const FunctionExpr* proto = function->proto;
+    Value self;
+    std::size_t first = 0;
+    if (m_top > base) {
+        self = std::move(m_stack[base]);
+        popTo(base);
+        first = 1;
+    }
+    Environment environment;
+    environment.parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
+    makeStackSlots(environment, proto->environmentSize, call->line);
+    std::size_t parameterCount = proto->parameters.size();
+    if (first && parameterCount > 0) environment.slots[0] = std::move(self);
+    const std::vector<Expr*>& arguments = call->arguments;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const Expr* argument = arguments[i];
+        Value discarded;
+        Value& target = i + first < parameterCount ? environment.slots[i + first] : discarded;
+        if (argument->kind == ExprKind::Local) {
+            target = frame.slots[static_cast<const VariableExpr*>(argument)->index];
+            continue;
+        }
+        bool arithmetic = argument->kind >= ExprKind::Add && argument->kind <= ExprKind::Modulo;
+        Number number = argument->pure && arithmetic ? evalNumber(argument, frame) : Number{};
+        if (number.tag == kIntegerNumber) target.setInteger(number.bits);
+        else if (number.tag == kFloatNumber) target.setFloat(std::bit_cast<double>(number.bits));
+        else target = eval(argument, frame);
+    }
+    m_currentLine = call->line;
+    enterScript();
+    runBody(function, environment, nullptr);
+    popTo(base);
+    return m_returns.empty() ? Value() : std::move(m_returns[0]);
+}
+
+// The slots of a stack environment: inline up to eight; a larger set takes a block of the value
+// stack above the arguments (freed with them, in call order), so no call allocates.
+inline void Impl::makeStackSlots(Environment& environment, std::size_t count, std::uint32_t line) {
+    if (count <= 8) {
+        environment.slots.reset(count);
+        return;
+    }
+    if (m_top + count > m_stackCapacity) failRuntime(line, "stack overflow");
+    environment.slots.borrow(m_stack + m_top, count);
+    m_top += count;
+}
+
+inline void Impl::enterScript() {
+    countStep();
+    // A call is a safe point: everything in flight is held by counted references.
+    if (collectionDue()) collectCycles();
+    // Each script call nests a few native frames of the tree walker; the budget turns deep
+    // recursion into an error well before the thread's stack runs out.
+    const char* here = static_cast<const char*>(__builtin_frame_address(0));
+    if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
+        failRuntime(m_currentLine, "stack overflow");
+    }
+}
+
 void Impl::invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line) {
     if (callee.kind() != Kind::Function) {
         failRuntime(line, std::string("attempt to call a ") + describeValueType(callee.kind()) + " value");
@@ -158,37 +240,30 @@ void Impl::invoke(const Value& callee, std::size_t base, std::size_t argumentCou
 
 void Impl::callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount) {
     const FunctionExpr* proto = function->proto;
-    countStep();
-    // A call is a safe point: everything in flight is held by counted references.
-    if (collectionDue()) collectCycles();
-    // Each script call nests a few native frames of the tree walker; the budget turns deep
-    // recursion into an error well before the thread's stack runs out.
-    const char* here = static_cast<const char*>(__builtin_frame_address(0));
-    if (m_nativeStackBase && static_cast<std::size_t>(m_nativeStackBase - here) > m_activeStackBudget) {
-        failRuntime(m_currentLine, "stack overflow");
+    enterScript();
+    std::size_t parameterCount = std::min(proto->parameters.size(), argumentCount);
+    Environment* parent = function->environment.isNil() ? nullptr : &function->environment.asEnvironment()->environment;
+    if (proto->ownsEnvironment) {
+        auto* object = new EnvironmentObject();
+        Value held = Value::object(object);
+        object->parentObject = function->environment;
+        Environment& environment = object->environment;
+        environment.parent = parent;
+        environment.slots.reset(proto->environmentSize);
+        for (std::size_t i = 0; i < parameterCount; ++i) environment.slots[i] = std::move(m_stack[base + i]);
+        popTo(base);
+        runBody(function, environment, object);
+        return;
     }
-    std::size_t frameSize = proto->frameSize;
-    if (base + frameSize + 8 > m_stackCapacity) failRuntime(m_currentLine, "stack overflow");
-    std::size_t parameterCount = proto->parameters.size();
-    for (std::size_t i = parameterCount; i < argumentCount; ++i) m_stack[base + i] = Value();
-    m_top = base + frameSize;
-    if (proto->boxesParameters) {
-        for (const LocalInfo* parameter : proto->parameters) {
-            if (parameter->captured) {
-                auto* box = new BoxObject();
-                box->value = std::move(m_stack[base + parameter->slot]);
-                m_stack[base + parameter->slot] = Value::object(box);
-            }
-        }
-    }
-    const FunctionExpr* savedFunction = m_currentFunction;
-    m_currentFunction = proto;
-    Frame frame{m_stack + base, function};
-    Flow flow = execBlock(proto->body, frame);
-    if (flow != Flow::Return) m_returns.clear();
+    Environment environment;
+    environment.parent = parent;
+    // The slots are taken above the arguments and the arguments moved down into them.
+    makeStackSlots(environment, proto->environmentSize, m_currentLine);
+    for (std::size_t i = 0; i < parameterCount; ++i) environment.slots[i] = std::move(m_stack[base + i]);
+    runBody(function, environment, nullptr);
     popTo(base);
-    m_currentFunction = savedFunction;
 }
+
 
 void Impl::callValue(const Value& callee, ValueSpan arguments, std::uint32_t line, MultiValue& out) {
     std::size_t base = m_top;

@@ -31,9 +31,15 @@ template <typename Visit> void forEachChild(Object* object, Visit&& visit) {
     switch (object->kind) {
     case Kind::Table: static_cast<Table*>(object)->forEachValue(visitValue); return;
     case Kind::Function:
-        for (const Value& upvalue : static_cast<FunctionObject*>(object)->upvalues) visitValue(upvalue);
+        visitValue(static_cast<FunctionObject*>(object)->environment);
         return;
-    case Kind::Box: visitValue(static_cast<BoxObject*>(object)->value); return;
+    case Kind::Environment: {
+        auto* environment = static_cast<EnvironmentObject*>(object);
+        const SmallValueStore<8>& slots = environment->environment.slots;
+        for (std::size_t i = 0; i < slots.size(); ++i) visitValue(slots[i]);
+        visitValue(environment->parentObject);
+        return;
+    }
     case Kind::Iterator: visitValue(static_cast<IteratorObject*>(object)->subject); return;
     default: return;
     }
@@ -43,11 +49,14 @@ void dropReferences(Object* object) {
     switch (object->kind) {
     case Kind::Table: static_cast<Table*>(object)->clear(); return;
     case Kind::Function: {
-        std::vector<Value> upvalues = std::move(static_cast<FunctionObject*>(object)->upvalues);
+        Value environment = std::move(static_cast<FunctionObject*>(object)->environment);
         return;
     }
-    case Kind::Box: {
-        Value value = std::move(static_cast<BoxObject*>(object)->value);
+    case Kind::Environment: {
+        auto* environment = static_cast<EnvironmentObject*>(object);
+        std::vector<Value> slots;
+        environment->environment.slots.moveOut(slots);
+        Value parent = std::move(environment->parentObject);
         return;
     }
     case Kind::Iterator: {
@@ -76,6 +85,8 @@ void Object::unlinkContainer() {
     nextContainer->previousContainer = previousContainer;
     --containers().live;
 }
+
+std::size_t liveContainerCount() { return containers().live; }
 
 void collectCycles() {
     ContainerList& list = containers();

@@ -13,6 +13,9 @@ namespace korvel::lua {
 // half-built: references held by native code count as outside references and keep objects alive.
 void collectCycles();
 
+// Containers alive on this thread (tables, functions, environments, ...); for tests and diagnostics.
+std::size_t liveContainerCount();
+
 // True when enough containers were made since the last collection to make another worthwhile
 // (the work doubles with the number of live containers, so the cost stays proportional).
 inline bool collectionDue() { return t_containersSinceCollection > t_collectionThreshold; }

@@ -122,8 +122,10 @@ Value concatenate(Impl& vm, const Value& left, const Value& right, std::uint32_t
 
 namespace {
 
-// Locals and constants are read in place: no operand evaluation can change them (closures reach
-// only boxed locals, and the value stack never moves). Anything else is evaluated into `scratch`.
+// Locals and constants are read in place: environment slots never move while the activation runs.
+// A closure called while the other operand is evaluated may store into the slot; the reference then
+// sees the new value (as a register read after the call would), never a freed one, because callers
+// look at both operands only once both are evaluated. Anything else is evaluated into `scratch`.
 inline const Value& operand(Impl& vm, const Expr* expr, Impl::Frame& frame, Value& scratch) {
     if (expr->kind == ExprKind::Local) return frame.slots[static_cast<const VariableExpr*>(expr)->index];
     if (expr->kind == ExprKind::Constant) return static_cast<const ConstantExpr*>(expr)->value;
@@ -181,9 +183,7 @@ Value Impl::eval(const Expr* expr, Frame& frame) {
     switch (expr->kind) {
     case ExprKind::Constant: return static_cast<const ConstantExpr*>(expr)->value;
     case ExprKind::Local: return frame.slots[static_cast<const VariableExpr*>(expr)->index];
-    case ExprKind::BoxedLocal: return frame.slots[static_cast<const VariableExpr*>(expr)->index].asBox()->value;
-    case ExprKind::Upvalue:
-        return frame.closure->upvalues[static_cast<const VariableExpr*>(expr)->index].asBox()->value;
+    case ExprKind::Outer: return outerSlot(frame, static_cast<const VariableExpr*>(expr));
     case ExprKind::Global: return m_globals.at(static_cast<const VariableExpr*>(expr)->index);
     case ExprKind::Negate: {
         Value operand = eval(static_cast<const UnaryExpr*>(expr)->operand, frame);
@@ -395,12 +395,7 @@ void Impl::evalList(const std::vector<Expr*>& expressions, Frame& frame, MultiVa
 void Impl::assign(const Expr* target, Value value, Frame& frame) {
     switch (target->kind) {
     case ExprKind::Local: frame.slots[static_cast<const VariableExpr*>(target)->index] = std::move(value); return;
-    case ExprKind::BoxedLocal:
-        frame.slots[static_cast<const VariableExpr*>(target)->index].asBox()->value = std::move(value);
-        return;
-    case ExprKind::Upvalue:
-        frame.closure->upvalues[static_cast<const VariableExpr*>(target)->index].asBox()->value = std::move(value);
-        return;
+    case ExprKind::Outer: outerSlot(frame, static_cast<const VariableExpr*>(target)) = std::move(value); return;
     case ExprKind::Global: m_globals.at(static_cast<const VariableExpr*>(target)->index) = std::move(value); return;
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(target);
@@ -438,15 +433,7 @@ void Impl::assign(const Expr* target, Value value, Frame& frame) {
 
 namespace {
 
-void storeLocal(Value* slots, const LocalInfo* local, Value value) {
-    if (local->captured) {
-        auto* box = new BoxObject();
-        box->value = std::move(value);
-        slots[local->slot] = Value::object(box);
-    } else {
-        slots[local->slot] = std::move(value);
-    }
-}
+inline void storeLocal(Value* slots, const LocalInfo* local, Value value) { slots[local->slot] = std::move(value); }
 
 } // namespace
 
@@ -469,7 +456,7 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     case StmtKind::Local: {
         auto* local = static_cast<const LocalStmt*>(statement);
         if (local->locals.size() == 1 && local->values.size() == 1) {
-            if (!local->locals[0]->captured && storeScalar(*this, local->values[0], frame, frame.slots[local->locals[0]->slot])) {
+            if (storeScalar(*this, local->values[0], frame, frame.slots[local->locals[0]->slot])) {
                 return Flow::Normal;
             }
             storeLocal(frame.slots, local->locals[0], eval(local->values[0], frame));
@@ -507,14 +494,8 @@ Impl::Flow Impl::exec(const Stmt* statement, Frame& frame) {
     }
     case StmtKind::LocalFunction: {
         auto* declaration = static_cast<const LocalFunctionStmt*>(statement);
-        if (declaration->local->captured) {
-            // The box exists before the closure, so the body sees its own name.
-            auto* box = new BoxObject();
-            frame.slots[declaration->local->slot] = Value::object(box);
-            box->value = makeClosure(declaration->function, frame);
-        } else {
-            frame.slots[declaration->local->slot] = makeClosure(declaration->function, frame);
-        }
+        // The closure shares this environment, so its body sees its own name once it is stored.
+        frame.slots[declaration->local->slot] = makeClosure(declaration->function, frame);
         return Flow::Normal;
     }
     case StmtKind::If: {
@@ -608,8 +589,7 @@ Impl::Flow Impl::execNumericFor(const Stmt* statement, Frame& frame) {
         Value* slot = &frame.slots[variable->slot];
         while (true) {
             countStep();
-            if (variable->captured) storeLocal(frame.slots, variable, Value::integer(current));
-            else slot->setInteger(current);
+            slot->setInteger(current);
             Flow flow = execBlock(loop->body, frame);
             if (flow == Flow::Break) break;
             if (flow == Flow::Return) return flow;

@@ -1,6 +1,6 @@
-// Resolver: gives every local a slot of its function's frame, turns references to locals of
-// enclosing functions into upvalues (marking those locals as captured, so they live in boxes), and
-// binds the remaining names to global slots.
+// Resolver: gives each function body (and the chunk) one environment. Every local, parameter and
+// loop variable takes the next slot of its function's environment; a name records how many
+// environments out it lies and its slot; the remaining names are bound to global slots.
 #include "resolver_internal.h"
 
 #include "error_internal.h"
@@ -13,8 +13,88 @@ namespace korvel::lua {
 
 namespace {
 
-// One frame may hold this many slots; an index must fit the 32-bit slot fields with room to spare.
-constexpr std::uint32_t kMaxFrameSlots = 4096;
+// One environment may hold this many slots; an index must fit the 32-bit slot fields with room to spare.
+constexpr std::uint32_t kMaxEnvironmentSlots = 4096;
+
+bool expressionContainsFunction(const Expr* expr);
+
+bool blockContainsFunction(const std::vector<Stmt*>& block);
+
+bool anyContainsFunction(const std::vector<Expr*>& expressions) {
+    return std::any_of(expressions.begin(), expressions.end(), [](const Expr* e) { return expressionContainsFunction(e); });
+}
+
+// Whether evaluating `expr` can make a closure (nested function bodies are not searched: their
+// own environments are decided when they are resolved).
+bool expressionContainsFunction(const Expr* expr) {
+    if (!expr) return false;
+    switch (expr->kind) {
+    case ExprKind::Function: return true;
+    case ExprKind::Negate:
+    case ExprKind::Not:
+    case ExprKind::Length: return expressionContainsFunction(static_cast<const UnaryExpr*>(expr)->operand);
+    case ExprKind::Table:
+        for (const TableField& field : static_cast<const TableExpr*>(expr)->fields) {
+            if (expressionContainsFunction(field.key) || expressionContainsFunction(field.value)) return true;
+        }
+        return false;
+    case ExprKind::Field: return expressionContainsFunction(static_cast<const FieldExpr*>(expr)->object);
+    case ExprKind::Index:
+        return expressionContainsFunction(static_cast<const IndexExpr*>(expr)->object) ||
+               expressionContainsFunction(static_cast<const IndexExpr*>(expr)->key);
+    case ExprKind::Call:
+        return expressionContainsFunction(static_cast<const CallExpr*>(expr)->callee) ||
+               anyContainsFunction(static_cast<const CallExpr*>(expr)->arguments);
+    default: break;
+    }
+    if (expr->kind >= ExprKind::Add && expr->kind <= ExprKind::Or) {
+        return expressionContainsFunction(static_cast<const BinaryExpr*>(expr)->left) ||
+               expressionContainsFunction(static_cast<const BinaryExpr*>(expr)->right);
+    }
+    return false;
+}
+
+bool statementContainsFunction(const Stmt* statement) {
+    switch (statement->kind) {
+    case StmtKind::Expression: return expressionContainsFunction(static_cast<const ExpressionStmt*>(statement)->call);
+    case StmtKind::Local:
+    case StmtKind::LocalNumber: return anyContainsFunction(static_cast<const LocalStmt*>(statement)->values);
+    case StmtKind::Assign:
+    case StmtKind::AssignLocalNumber:
+    case StmtKind::AssignFieldNumber: {
+        auto* assign = static_cast<const AssignStmt*>(statement);
+        return anyContainsFunction(assign->targets) || anyContainsFunction(assign->values);
+    }
+    case StmtKind::LocalFunction: return true;
+    case StmtKind::If: {
+        auto* branchy = static_cast<const IfStmt*>(statement);
+        for (const IfStmt::Branch& branch : branchy->branches) {
+            if (expressionContainsFunction(branch.condition) || blockContainsFunction(branch.block)) return true;
+        }
+        return blockContainsFunction(branchy->elseBlock);
+    }
+    case StmtKind::While: {
+        auto* loop = static_cast<const WhileStmt*>(statement);
+        return expressionContainsFunction(loop->condition) || blockContainsFunction(loop->body);
+    }
+    case StmtKind::NumericFor: {
+        auto* loop = static_cast<const NumericForStmt*>(statement);
+        return expressionContainsFunction(loop->start) || expressionContainsFunction(loop->limit) ||
+               expressionContainsFunction(loop->step) || blockContainsFunction(loop->body);
+    }
+    case StmtKind::GenericFor: {
+        auto* loop = static_cast<const GenericForStmt*>(statement);
+        return anyContainsFunction(loop->iterators) || blockContainsFunction(loop->body);
+    }
+    case StmtKind::Return: return anyContainsFunction(static_cast<const ReturnStmt*>(statement)->values);
+    case StmtKind::Break: return false;
+    }
+    return false;
+}
+
+bool blockContainsFunction(const std::vector<Stmt*>& block) {
+    return std::any_of(block.begin(), block.end(), [](const Stmt* s) { return statementContainsFunction(s); });
+}
 
 class Resolver {
 public:
@@ -23,79 +103,55 @@ public:
     void resolveMain(FunctionExpr* main) { resolveFunction(main); }
 
 private:
+    // One function body being resolved: its environment's scopes and next free slot.
+    struct Scope {
+        std::vector<LocalInfo*> locals;
+    };
     struct FunctionState {
         FunctionExpr* function = nullptr;
         FunctionState* parent = nullptr;
-        std::vector<std::vector<LocalInfo*>> scopes;
+        std::vector<Scope> scopes;
         std::uint32_t nextSlot = 0;
-        std::vector<LocalInfo*> upvalueLocals;      // the enclosing local behind each upvalue
-    };
-
-    struct Reference {
-        VariableExpr* expr;
-        LocalInfo* local;
     };
 
     void declare(LocalInfo* local) {
         FunctionState& state = *m_current;
-        if (state.nextSlot >= kMaxFrameSlots) {
+        if (state.nextSlot >= kMaxEnvironmentSlots) {
             failParse(m_chunk.name, 1, 1, "function has too many local variables");
         }
         local->slot = state.nextSlot++;
-        state.function->frameSize = std::max(state.function->frameSize, state.nextSlot);
-        state.scopes.back().push_back(local);
+        state.function->environmentSize = std::max(state.function->environmentSize, state.nextSlot);
+        state.scopes.back().locals.push_back(local);
     }
 
     void openScope() { m_current->scopes.emplace_back(); }
     void closeScope() {
-        // Slots of a finished block are reused by the next one.
-        m_current->nextSlot -= static_cast<std::uint32_t>(m_current->scopes.back().size());
+        // Slots of a finished block are reused by the next one, but only where no closure can
+        // have captured the environment: a closure made in the block still reads its slots.
+        if (!m_current->function->ownsEnvironment) {
+            m_current->nextSlot -= static_cast<std::uint32_t>(m_current->scopes.back().locals.size());
+        }
         m_current->scopes.pop_back();
     }
 
     static LocalInfo* findLocal(FunctionState& state, const std::string& name) {
         for (auto scope = state.scopes.rbegin(); scope != state.scopes.rend(); ++scope) {
-            for (auto local = scope->rbegin(); local != scope->rend(); ++local) {
+            for (auto local = scope->locals.rbegin(); local != scope->locals.rend(); ++local) {
                 if ((*local)->name == name) return *local;
             }
         }
         return nullptr;
     }
 
-    // Index of the upvalue of `state` that reaches `name`, or -1 when the name is global.
-    int findUpvalue(FunctionState& state, const std::string& name) {
-        if (!state.parent) return -1;
-        if (LocalInfo* local = findLocal(*state.parent, name)) {
-            local->captured = true;
-            return addUpvalue(state, local, UpvalueSource{true, local->slot});
-        }
-        int outer = findUpvalue(*state.parent, name);
-        if (outer < 0) return -1;
-        return addUpvalue(state, state.parent->upvalueLocals[static_cast<std::size_t>(outer)],
-                          UpvalueSource{false, static_cast<std::uint32_t>(outer)});
-    }
-
-    static int addUpvalue(FunctionState& state, LocalInfo* local, UpvalueSource source) {
-        for (std::size_t i = 0; i < state.upvalueLocals.size(); ++i) {
-            if (state.upvalueLocals[i] == local) return static_cast<int>(i);
-        }
-        state.upvalueLocals.push_back(local);
-        state.function->upvalues.push_back(source);
-        return static_cast<int>(state.upvalueLocals.size() - 1);
-    }
-
     void resolveName(VariableExpr* expr) {
-        if (LocalInfo* local = findLocal(*m_current, expr->name)) {
-            expr->kind = ExprKind::Local;
-            expr->index = local->slot;
-            m_references.push_back({expr, local});
-            return;
-        }
-        int upvalue = findUpvalue(*m_current, expr->name);
-        if (upvalue >= 0) {
-            expr->kind = ExprKind::Upvalue;
-            expr->index = static_cast<std::uint32_t>(upvalue);
-            return;
+        std::uint32_t depth = 0;
+        for (FunctionState* state = m_current; state; state = state->parent, ++depth) {
+            if (LocalInfo* local = findLocal(*state, expr->name)) {
+                expr->kind = depth == 0 ? ExprKind::Local : ExprKind::Outer;
+                expr->index = local->slot;
+                expr->depth = depth;
+                return;
+            }
         }
         expr->kind = ExprKind::Global;
         expr->index = m_globals.resolveGlobalSlot(expr->name);
@@ -106,7 +162,7 @@ private:
         state.function = function;
         state.parent = m_current;
         function->chunkName = &m_chunk.name;
-        m_functions.push_back(function);
+        function->ownsEnvironment = blockContainsFunction(function->body);
         m_current = &state;
         openScope();
         for (LocalInfo* parameter : function->parameters) declare(parameter);
@@ -252,23 +308,10 @@ private:
         // Already resolved (a node is never shared, so this does not happen for parsed trees).
     }
 
-public:
-    // A local found to be captured after some references were resolved: those become box reads.
-    void finish() {
-        for (const Reference& reference : m_references) {
-            if (reference.local->captured) reference.expr->kind = ExprKind::BoxedLocal;
-        }
-        for (FunctionExpr* function : m_functions) {
-            for (const LocalInfo* parameter : function->parameters) function->boxesParameters |= parameter->captured;
-        }
-    }
-
 private:
     Chunk& m_chunk;
     GlobalSlots& m_globals;
     FunctionState* m_current = nullptr;
-    std::vector<Reference> m_references;
-    std::vector<FunctionExpr*> m_functions;
 };
 
 } // namespace
@@ -281,8 +324,7 @@ void markPureExpressions(Chunk& chunk) {
         switch (expr->kind) {
         case ExprKind::Constant:
         case ExprKind::Local:
-        case ExprKind::BoxedLocal:
-        case ExprKind::Upvalue:
+        case ExprKind::Outer:
         case ExprKind::Global: expr->pure = true; break;
         case ExprKind::Field: expr->pure = static_cast<FieldExpr*>(expr)->object->pure; break;
         case ExprKind::Index:
@@ -311,13 +353,13 @@ bool isArithmeticNode(const Expr* expr) {
     }
 }
 
-// Picks the numeric store forms once captures and purity are known.
+// Picks the numeric store forms once slots and purity are known.
 void specialiseStatements(Chunk& chunk) {
     for (auto& node : chunk.statements) {
         Stmt* statement = node.get();
         if (statement->kind == StmtKind::Local) {
             auto* local = static_cast<LocalStmt*>(statement);
-            if (local->locals.size() == 1 && local->values.size() == 1 && !local->locals[0]->captured &&
+            if (local->locals.size() == 1 && local->values.size() == 1 &&
                 local->values[0]->pure && isArithmeticNode(local->values[0])) {
                 statement->kind = StmtKind::LocalNumber;
             }
@@ -337,7 +379,6 @@ void specialiseStatements(Chunk& chunk) {
 void resolveChunk(Chunk& chunk, GlobalSlots& globals) {
     Resolver resolver(chunk, globals);
     resolver.resolveMain(chunk.main);
-    resolver.finish();
     markPureExpressions(chunk);
     specialiseStatements(chunk);
 }

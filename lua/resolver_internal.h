@@ -1,5 +1,5 @@
-// The resolver: local names to frame slots, captured locals to boxes and upvalues, the rest to
-// global slots.
+// The resolver: local names to environment slots (with how many environments out they lie), the
+// rest to global slots.
 #pragma once
 
 #include "ast_internal.h"
@@ -7,7 +7,7 @@
 
 namespace korvel::lua {
 
-// Resolves every name of the chunk in place. Throws LuaError for limits the frame layout cannot meet.
+// Resolves every name of the chunk in place. Throws LuaError for limits the environment layout cannot meet.
 void resolveChunk(Chunk& chunk, GlobalSlots& globals);
 
 } // namespace korvel::lua

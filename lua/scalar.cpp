@@ -61,8 +61,7 @@ Number Impl::evalNumber(const Expr* expr, Frame& frame) {
     switch (expr->kind) {
     case ExprKind::Constant: return numberOf(static_cast<const ConstantExpr*>(expr)->value);
     case ExprKind::Local: return numberOf(frame.slots[static_cast<const VariableExpr*>(expr)->index]);
-    case ExprKind::BoxedLocal: return numberOf(frame.slots[static_cast<const VariableExpr*>(expr)->index].asBox()->value);
-    case ExprKind::Upvalue: return numberOf(frame.closure->upvalues[static_cast<const VariableExpr*>(expr)->index].asBox()->value);
+    case ExprKind::Outer: return numberOf(outerSlot(frame, static_cast<const VariableExpr*>(expr)));
     case ExprKind::Global: return numberOf(m_globals.at(static_cast<const VariableExpr*>(expr)->index));
     case ExprKind::Field: {
         auto* field = static_cast<const FieldExpr*>(expr);

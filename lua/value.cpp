@@ -25,7 +25,7 @@ void freeObject(Object* object) noexcept {
     case Kind::Function: delete static_cast<FunctionObject*>(object); return;
     case Kind::UserData: delete static_cast<UserDataObject*>(object); return;
     case Kind::Iterator: delete static_cast<IteratorObject*>(object); return;
-    case Kind::Box: delete static_cast<BoxObject*>(object); return;
+    case Kind::Environment: delete static_cast<EnvironmentObject*>(object); return;
     default: return;
     }
 }

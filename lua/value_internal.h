@@ -1,11 +1,13 @@
 // Internal values of the interpreter: a 16-byte tagged value, intrusively counted heap objects
-// (strings, tables, functions, user data, iterators, boxes for captured locals) and MultiValue.
+// (strings, tables, functions, user data, iterators, owning environments), SmallValueStore and
+// MultiValue.
 #pragma once
 
 #include <cfloat>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <string_view>
@@ -14,9 +16,9 @@
 
 namespace korvel::lua {
 
-// Kinds visible to scripts come first, in the order of describeValueType; Box is private to the
-// evaluator (a captured local lives in one) and never escapes into script-visible places.
-enum class Kind : std::uint8_t { Nil, Integer, Float, Boolean, String, Table, Function, UserData, Iterator, Box };
+// Kinds visible to scripts come first, in the order of describeValueType; Environment is private to
+// the evaluator (the slots a closure keeps alive) and never escapes into script-visible places.
+enum class Kind : std::uint8_t { Nil, Integer, Float, Boolean, String, Table, Function, UserData, Iterator, Environment };
 
 // Every heap object. Objects that can hold values (all but strings) are also linked into the
 // thread's list of containers, which the cycle collector (collector.cpp) walks.
@@ -60,7 +62,7 @@ struct Table;
 struct FunctionObject;
 struct UserDataObject;
 struct IteratorObject;
-struct BoxObject;
+struct EnvironmentObject;
 
 class Value {
 public:
@@ -136,7 +138,7 @@ public:
     // User data is polymorphic, so its Object part is not at offset 0: defined in vm_internal.h.
     UserDataObject* asUserData() const;
     IteratorObject* asIterator() const { return reinterpret_cast<IteratorObject*>(m_payload.object); }
-    BoxObject* asBox() const { return reinterpret_cast<BoxObject*>(m_payload.object); }
+    EnvironmentObject* asEnvironment() const { return reinterpret_cast<EnvironmentObject*>(m_payload.object); }
 
     // Integer or float content without a kind check, for arithmetic fast paths.
     void setInteger(std::int64_t value) {
@@ -202,10 +204,90 @@ inline Value Value::string(std::string_view text) {
     return result;
 }
 
-// A captured local: closures and the declaring frame share the box.
-struct BoxObject : Object {
-    Value value;
-    BoxObject() : Object(Kind::Box) {}
+// A small vector of values: N places inline, a heap array beyond. Its size is fixed when it is
+// made (`reset`), so pointers to its values stay valid while it lives; it never moves. The inline
+// places are raw storage and only the `count` in use are constructed: a one-slot activation pays
+// for one value, not eight.
+template <std::size_t N> class SmallValueStore {
+public:
+    SmallValueStore() = default;
+    SmallValueStore(const SmallValueStore&) = delete;
+    SmallValueStore& operator=(const SmallValueStore&) = delete;
+    ~SmallValueStore() { clear(); }
+
+    // Makes `count` nil values; earlier contents are dropped.
+    void reset(std::size_t count) {
+        clear();
+        if (count <= N) {
+            for (std::size_t i = 0; i < count; ++i) new (&m_data[i]) Value();
+        } else {
+            m_data = new Value[count];
+        }
+        m_size = count;
+    }
+    // Uses `count` nil values that the caller owns (a stack activation's block of the VM's value
+    // stack) instead of allocating; they are reset to nil by `clear` and never freed here.
+    void borrow(Value* external, std::size_t count) {
+        clear();
+        m_data = external;
+        m_size = count;
+        m_borrowed = true;
+    }
+    // Releases every value and leaves the store empty.
+    void clear() {
+        if (m_data == inlineValues()) {
+            for (std::size_t i = 0; i < m_size; ++i) m_data[i].~Value();
+        } else if (m_borrowed) {
+            for (std::size_t i = 0; i < m_size; ++i) m_data[i].reset();
+            m_borrowed = false;
+            m_data = inlineValues();
+        } else {
+            delete[] m_data;
+            m_data = inlineValues();
+        }
+        m_size = 0;
+    }
+    // Moves the values out into `out` (the collector breaks cycles this way).
+    void moveOut(std::vector<Value>& out) {
+        for (std::size_t i = 0; i < m_size; ++i) out.push_back(std::move(m_data[i]));
+        clear();
+    }
+    Value* data() { return m_data; }
+    const Value* data() const { return m_data; }
+    std::size_t size() const { return m_size; }
+    Value& operator[](std::size_t index) { return m_data[index]; }
+    const Value& operator[](std::size_t index) const { return m_data[index]; }
+
+private:
+    Value* inlineValues() { return std::launder(reinterpret_cast<Value*>(m_storage)); }
+
+    alignas(Value) unsigned char m_storage[N * sizeof(Value)];
+    Value* m_data = inlineValues();   // the inline places, a heap array past N, or borrowed places
+    std::size_t m_size = 0;
+    bool m_borrowed = false;
+};
+
+// The slots of one function activation or chunk and the environment it is nested in (the one
+// the running closure captured). Names resolve at parse time to "so many environments out, this
+// slot", so a read walks `parent` that many times and indexes.
+struct Environment {
+    SmallValueStore<8> slots;
+    Environment* parent = nullptr;
+};
+
+// Empties a native-stack environment when its activation ends.
+inline void clearEnvironmentSlots(Environment& environment) { environment.slots.clear(); }
+
+// An environment that closures can capture: counted like every heap object, and holding its parent
+// alive through `parentObject` (the enclosing environment is always an owning one, since it
+// contains the function whose activation this is).
+struct EnvironmentObject : Object {
+    Environment environment;
+    Value parentObject;
+    EnvironmentObject() : Object(Kind::Environment) { ++t_environmentsAllocated; }
+    // Heap environments made on this thread; the tests read it to check that activations of
+    // functions without nested functions stay on the native stack.
+    static inline thread_local std::uint64_t t_environmentsAllocated = 0;
 };
 
 // Strings longer than this cannot be made (string.rep, concatenation, formatting, gsub).

