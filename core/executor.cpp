@@ -126,6 +126,10 @@ void Interpreter::executeAssignment(const CompiledLine& line) {
                     items[static_cast<std::size_t>(index - 1)] = std::move(value);
                     return;
                 }
+                if (index >= 1 && static_cast<std::size_t>(index) == items.size() + 1) {
+                    items.push_back(std::move(value));  // the next place: the array grows by one
+                    return;
+                }
             }
         }
         storeTarget(target, &key, 1, std::move(value));

@@ -94,6 +94,12 @@ INSTANTIATE_TEST_SUITE_P(String, LibraryResult, ::testing::Values(
     resultName);
 
 INSTANTIATE_TEST_SUITE_P(Table, LibraryResult, ::testing::Values(
+    // Stores into arrays: in place, at the next place (the array grows, shared by every name
+    // that holds it), past the end (the gap is filled), at 0 (the array becomes a table).
+    ResultCase{"a = [1, 2]\nb = a\na[3] = 9\nc = []\nfor i = 1, 3\n  c[i] = i * i\nend\nprint(a, b, c)",
+               "[1, 2, 9] [1, 2, 9] [1, 4, 9]\n"},
+    ResultCase{"d = [1]\nd[3] = 5\ne = [1]\ne[0] = 7\nf = [1]\nf[2.0] = \"x\"\nprint(d, #d, e, f)",
+               "[1, not, 5] 3 {1: 1, 0: 7} [1, x]\n"},
     ResultCase{"t = [1, 2]; insert(t, 3); insert(t, 1, 0); print(t)", "[0, 1, 2, 3]\n"},
     ResultCase{"t = [1, 2, 3]; print(remove(t), remove(t, 1), t)", "3 1 [2]\n"},
     ResultCase{"t = []; print(table.remove(t))", "not\n"},
